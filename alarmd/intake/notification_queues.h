@@ -1,0 +1,17 @@
+// Which queues a new alarm goes into, and the list of alarms that wait for an acknowledge. Main thread only.
+#pragma once
+
+#include <cstdint>
+
+// Queues the alarm now in alarm_tag for mail and SMS, by its definition's flags and the state stat. Raises thr_lock
+// while it works.
+void uloz_alarm(int stat);
+
+// Adds the alarm in alarm_tag to wait_for_ack on an activation, removes it on deactivation or acknowledge. Does nothing
+// unless resend_enable is set.
+void uloz_alarm_wait_ack(int id, int stat);
+
+// One walk over wait_for_ack at the time now (seconds): sets last_resend, resends or drops entries whose pause has
+// passed. Raises thr_lock while it changes the queue. The walk looks at each position once, so the entry that moves
+// into the place of a dropped one waits for the next walk.
+void checkResend(int64_t now);

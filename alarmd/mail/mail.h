@@ -1,0 +1,26 @@
+// Composition of a mail (MIME, RFC 2045; headers, RFC 5322) and its delivery through msmtp.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// The head that every alarm mail begins with: html tag, style sheet, empty title, body tag.
+extern std::string css_string;
+
+// 50 random characters of 0-9A-Za-z, from rand() unseeded: the same sequence in every process. One thread at a time.
+std::string random_string();
+
+// "-" for t below 1, else local time as "%c" gives it (POSIX locale: Sun Nov 15 12:05:51 2026). Any thread.
+std::string getReadebleTime(int64_t t);
+
+// Reads ./template_css.html into css_string, or prints "Unable to open template file". Not called by the daemon.
+void readCSSTemplate();
+
+// Composes one mail to the address or comma-separated addresses to, prints the command line and hands the message to
+// binFolder/ext/msmtp/msmtp on its standard input; returns when the client has ended. subject counts only for the test
+// mail. Does nothing when use_msmtp is false. A client that is missing or fails is told in one line on standard error.
+// Mail thread; main thread for the test mail.
+void send_mail(const char* to, std::string body, const char* ignored, const char* subject);
+
+// Composes and sends the test mail to test_user. Main thread, before any other thread starts.
+void sendTestMail();

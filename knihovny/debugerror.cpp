@@ -1,0 +1,29 @@
+#include "knihovny/debugerror.h"
+
+#include <pthread.h>
+
+#include <cstdio>
+
+void Print(std::string_view text) { fwrite(text.data(), 1, text.size(), stdout); }
+
+void PrintError(std::string_view text) { fwrite(text.data(), 1, text.size(), stderr); }
+
+void DumpError(const char* message) {
+    PrintLine("ERROR: ", message, " , in thread ", static_cast<unsigned long>(pthread_self()));
+}
+
+void DumpError(const char* message, int /*error*/) { DumpError(message); }
+
+void DebugPrint(const char* message) { Print(message); }
+
+void AppendPart(std::string& line, double value) {
+    char digits[40];
+    const int length = snprintf(digits, sizeof digits, "%g", value);
+    line.append(digits, static_cast<size_t>(length));
+}
+
+void AppendPart(std::string& line, long double value) {
+    char digits[40];
+    const int length = snprintf(digits, sizeof digits, "%Lg", value);
+    line.append(digits, static_cast<size_t>(length));
+}

@@ -1,0 +1,63 @@
+// The console log: standard output, one call a piece of text.
+//
+// All functions may be called from any thread. Each hands its text to stdio in one call, so the text of another
+// thread never comes between.
+#pragma once
+
+#include <charconv>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+// Writes text to standard output as it is, without adding a newline. Bytes after a zero byte are written too.
+void Print(std::string_view text);
+
+// The same on standard error, for what the daemon complains of in one line of its own.
+void PrintError(std::string_view text);
+
+// Writes "ERROR: " message " , in thread " and the calling thread's numeric id, and a newline, to standard output.
+// The second form is for a failed system call; the error number is accepted and not written.
+void DumpError(const char* message);
+void DumpError(const char* message, int error);
+
+// Writes message to standard output exactly, no newline added.
+void DebugPrint(const char* message);
+
+// Appends one part of a log line: texts as they are, integers in decimal, a bool as 0 or 1, a double or long double
+// with six significant digits ("%g").
+inline void AppendPart(std::string& line, std::string_view text) { line += text; }
+inline void AppendPart(std::string& line, const char* text) { line += text; }
+inline void AppendPart(std::string& line, const std::string& text) { line += text; }
+inline void AppendPart(std::string& line, char c) { line += c; }
+inline void AppendPart(std::string& line, bool value) { line += value ? '1' : '0'; }
+void AppendPart(std::string& line, double value);
+void AppendPart(std::string& line, long double value);
+template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>
+void AppendPart(std::string& line, Integer value) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value);
+    line.append(digits, end.ptr);
+}
+
+// Appends the parts and a newline to text: for building several lines that belong together.
+template <class... Parts>
+void AppendLine(std::string& text, const Parts&... parts) {
+    (AppendPart(text, parts), ...);
+    text += '\n';
+}
+
+// Prints the parts and a newline.
+template <class... Parts>
+void PrintLine(const Parts&... parts) {
+    std::string text;
+    AppendLine(text, parts...);
+    Print(text);
+}
+
+// Prints the parts and a newline on standard error.
+template <class... Parts>
+void PrintErrorLine(const Parts&... parts) {
+    std::string text;
+    AppendLine(text, parts...);
+    PrintError(text);
+}
