@@ -48,6 +48,8 @@ class Thread3 {
     virtual void ExecuteThread() {}
 
   private:
+    int create(const pthread_attr_t* attributes);
+
     // Written by the controlling thread, also read by the thread itself.
     std::atomic<pthread_t> handle_{0};
     bool detached_ = false;

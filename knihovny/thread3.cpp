@@ -1,0 +1,77 @@
+#include "knihovny/thread3.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include "knihovny/generalfce.h"
+
+namespace {
+
+constexpr long kStartedLookNanoseconds = 10000;
+constexpr char kCreationFailed[] = "Thread3::start failed creating thread!\n";
+
+}  // namespace
+
+Thread3::~Thread3() noexcept { Stop(); }
+
+int Thread3::Start(int argument) {
+    start_argument_ = argument;
+    detached_ = false;
+    Stop();
+    return create(nullptr);
+}
+
+int Thread3::StartDetatched() {
+    detached_ = true;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    const int result = create(&attributes);
+    pthread_attr_destroy(&attributes);
+    return result;
+}
+
+int Thread3::create(const pthread_attr_t* attributes) {
+    started_ = false;
+    pthread_t handle = 0;
+    const int result = pthread_create(&handle, attributes, EntryPoint, this);
+    if (result == 0) {
+        handle_ = handle;
+    } else {
+        errno = result;
+        perror(kCreationFailed);
+    }
+    // A thread that could not be made never begins: the owner waits here, it cannot do its work without it.
+    while (!started_) MySleep(0, kStartedLookNanoseconds);
+    return result;
+}
+
+void Thread3::Stop() {
+    const pthread_t handle = handle_;
+    if (handle == 0) return;
+    BeforeStop();
+    if (!detached_) {
+        const int result = pthread_join(handle, nullptr);
+        if (result != 0) {
+            errno = result;
+            perror("Pthread_join error ... \n");
+        }
+    }
+    handle_ = 0;
+    started_ = false;
+}
+
+void Thread3::Exit() {
+    if (started_) pthread_exit(nullptr);
+}
+
+void Thread3::Run() {
+    started_ = true;
+    SetupThread();
+    ExecuteThread();
+}
+
+void* Thread3::EntryPoint(void* object) {
+    static_cast<Thread3*>(object)->Run();
+    return object;
+}
