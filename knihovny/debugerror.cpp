@@ -4,17 +4,25 @@
 
 #include <cstdio>
 
-void Print(std::string_view text) { fwrite(text.data(), 1, text.size(), stdout); }
+void Print(std::string_view text) {
+    fwrite(text.data(), 1, text.size(), stdout);
+}
 
-void PrintError(std::string_view text) { fwrite(text.data(), 1, text.size(), stderr); }
+void PrintError(std::string_view text) {
+    fwrite(text.data(), 1, text.size(), stderr);
+}
 
 void DumpError(const char* message) {
     PrintLine("ERROR: ", message, " , in thread ", static_cast<unsigned long>(pthread_self()));
 }
 
-void DumpError(const char* message, int /*error*/) { DumpError(message); }
+void DumpError(const char* message, int /*error*/) {
+    DumpError(message);
+}
 
-void DebugPrint(const char* message) { Print(message); }
+void DebugPrint(const char* message) {
+    Print(message);
+}
 
 void AppendPart(std::string& line, double value) {
     char digits[40];

@@ -1,7 +1,7 @@
 // The console log: standard output, one call a piece of text.
 //
-// All functions may be called from any thread. Each hands its text to stdio in one call, so the text of another
-// thread never comes between.
+// All functions may be called from any thread. Each hands its text to stdio in one call, so the text of
+// another thread never comes between.
 #pragma once
 
 #include <charconv>
@@ -15,21 +15,31 @@ void Print(std::string_view text);
 // The same on standard error, for what the daemon complains of in one line of its own.
 void PrintError(std::string_view text);
 
-// Writes "ERROR: " message " , in thread " and the calling thread's numeric id, and a newline, to standard output.
-// The second form is for a failed system call; the error number is accepted and not written.
+// Writes "ERROR: " message " , in thread " and the calling thread's numeric id, and a newline, to standard
+// output. The second form is for a failed system call; the error number is accepted and not written.
 void DumpError(const char* message);
 void DumpError(const char* message, int error);
 
 // Writes message to standard output exactly, no newline added.
 void DebugPrint(const char* message);
 
-// Appends one part of a log line: texts as they are, integers in decimal, a bool as 0 or 1, a double or long double
-// with six significant digits ("%g").
-inline void AppendPart(std::string& line, std::string_view text) { line += text; }
-inline void AppendPart(std::string& line, const char* text) { line += text; }
-inline void AppendPart(std::string& line, const std::string& text) { line += text; }
-inline void AppendPart(std::string& line, char c) { line += c; }
-inline void AppendPart(std::string& line, bool value) { line += value ? '1' : '0'; }
+// Appends one part of a log line: texts as they are, integers in decimal, a bool as 0 or 1, a double or long
+// double with six significant digits ("%g").
+inline void AppendPart(std::string& line, std::string_view text) {
+    line += text;
+}
+inline void AppendPart(std::string& line, const char* text) {
+    line += text;
+}
+inline void AppendPart(std::string& line, const std::string& text) {
+    line += text;
+}
+inline void AppendPart(std::string& line, char c) {
+    line += c;
+}
+inline void AppendPart(std::string& line, bool value) {
+    line += value ? '1' : '0';
+}
 void AppendPart(std::string& line, double value);
 void AppendPart(std::string& line, long double value);
 template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>

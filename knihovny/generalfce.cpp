@@ -2,46 +2,89 @@
 
 #include <syslog.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <memory>
 
 #include "knihovny/debugerror.h"
 
 namespace {
 
-constexpr int kMicrosecondsPerSecond = 1000000;
-constexpr int kTimedOut = ETIMEDOUT;
+constexpr int64_t kMicrosecondsPerSecond = 1000000;
+constexpr long kNanosecondsPerSecond = 1000000000;
 constexpr long kFlagLookNanoseconds = 50000000;
+constexpr size_t kReadBlock = size_t{64} * 1024;
 
-// Not a facility of the log library, which then keeps its default one.
-constexpr int kLogFacility = 6;
-
-bool isComment(const std::string& line) {
-    return line.empty() || line[0] == '#' || line[0] == '$' || line[0] == ' ';
+int64_t microseconds(const timeval& time) {
+    return int64_t{time.tv_sec} * kMicrosecondsPerSecond + int64_t{time.tv_usec};
 }
 
-// Splits "key value" at its first blank and stores it.
-void storeParameter(const std::string& line, std::map<std::string, std::string>& map) {
-    const size_t blank = line.find(' ');
-    if (blank == std::string::npos) {
-        map[line].clear();
-    } else {
-        map[line.substr(0, blank)] = line.substr(blank + 1);
-    }
+// Not the time of day: a clock that is set back must not lengthen a bounded wait.
+int64_t monotonicMicroseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * kMicrosecondsPerSecond + now.tv_nsec / 1000;
 }
 
+// The value of a hexadecimal digit, -1 for any other byte.
 int hexDigit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
     return -1;
 }
+
+void appendWithoutCarriageReturns(std::string& line, const char* begin, const char* end) {
+    while (begin != end) {
+        const char* stop = static_cast<const char*>(memchr(begin, '\r', static_cast<size_t>(end - begin)));
+        if (stop == nullptr) stop = end;
+        line.append(begin, stop);
+        begin = stop == end ? end : stop + 1;
+    }
+}
+
+bool isComment(const std::string& line) {
+    return line.empty() || line[0] == '#' || line[0] == '$' || line[0] == ' ';
+}
+
+// False when the line has no key, which leaves a line that begins with a zero byte.
+bool storeLine(const std::string& line, std::map<std::string, std::string>& map) {
+    if (isComment(line)) return true;
+    if (line[0] == '\0') return false;
+    const size_t blank = line.find(' ');
+    std::string& value = map[line.substr(0, blank)];
+    if (blank == std::string::npos) {
+        value.clear();
+    } else {
+        value.assign(line, blank + 1);
+    }
+    return true;
+}
+
+// Takes a block of the file: stores the lines that end in it and keeps the begun one in line.
+bool storeBlock(const char* block, size_t length, std::string& line,
+                std::map<std::string, std::string>& map) {
+    const char* const end = block + length;
+    while (const void* feed = memchr(block, '\n', static_cast<size_t>(end - block))) {
+        const char* const stop = static_cast<const char*>(feed);
+        appendWithoutCarriageReturns(line, block, stop);
+        if (!storeLine(line, map)) return false;
+        line.clear();
+        block = stop + 1;
+    }
+    appendWithoutCarriageReturns(line, block, end);
+    return true;
+}
+
+struct FileCloser {
+    void operator()(FILE* file) const { fclose(file); }
+};
 
 }  // namespace
 
@@ -51,8 +94,7 @@ void MySleep(long seconds, long nanoseconds) {
 }
 
 int TimevalMinus(timeval* result, timeval* a, timeval* b) {
-    const int64_t difference =
-        (static_cast<int64_t>(a->tv_sec) - b->tv_sec) * kMicrosecondsPerSecond + (a->tv_usec - b->tv_usec);
+    const int64_t difference = microseconds(*a) - microseconds(*b);
     const int64_t size = difference < 0 ? -difference : difference;
     result->tv_sec = static_cast<time_t>(size / kMicrosecondsPerSecond);
     result->tv_usec = static_cast<suseconds_t>(size % kMicrosecondsPerSecond);
@@ -60,36 +102,33 @@ int TimevalMinus(timeval* result, timeval* a, timeval* b) {
 }
 
 bool TimevalMensi(timeval* a, timeval* b) {
-    timeval difference;
+    timeval difference{};
     return TimevalMinus(&difference, a, b) == 1;
 }
 
 void TiskTed2(char* buffer, int size) {
+    if (size <= 0) return;
     const time_t now = time(nullptr);
     tm local{};
     localtime_r(&now, &local);
-    strftime(buffer, static_cast<size_t>(size), "%d.%m.%Y %H:%M:%S", &local);
+    // What a too small buffer holds after strftime is not defined.
+    if (strftime(buffer, static_cast<size_t>(size), "%d.%m.%Y %H:%M:%S", &local) == 0) buffer[0] = '\0';
 }
 
 bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "re"), fclose);
-    char block[65536];
-    // A folder opens but does not read.
-    size_t length = file ? fread(block, 1, sizeof block, file.get()) : 0;
-    if (!file || ferror(file.get())) {
+    const std::unique_ptr<FILE, FileCloser> file(fopen(path.c_str(), "re"));
+    const auto block = std::make_unique<char[]>(kReadBlock);
+    size_t length = file ? fread(block.get(), 1, kReadBlock, file.get()) : 0;
+    // A folder opens and gives an error at the first read.
+    if (!file || (length == 0 && ferror(file.get()) != 0)) {
         PrintLine("Nelze otevrit konfiguracni soubor");
         return false;
     }
     std::string line;
-    for (; length > 0; length = fread(block, 1, sizeof block, file.get())) {
-        for (size_t i = 0; i < length; ++i) {
-            if (block[i] == '\r') continue;
-            if (block[i] != '\n') {
-                line += block[i];
-                continue;
-            }
-            if (!isComment(line)) storeParameter(line, map);
-            line.clear();
+    for (; length > 0; length = fread(block.get(), 1, kReadBlock, file.get())) {
+        if (!storeBlock(block.get(), length, line, map)) {
+            Print("Chybny konfiguracni soubor");
+            return false;
         }
     }
     return true;
@@ -99,7 +138,7 @@ std::vector<std::string> txt2vector(const char* text, const char* delimiters) {
     std::vector<std::string> pieces;
     std::string copy(text);
     char* rest = nullptr;
-    for (char* piece = strtok_r(copy.data(), delimiters, &rest); piece != nullptr;
+    for (const char* piece = strtok_r(copy.data(), delimiters, &rest); piece != nullptr;
          piece = strtok_r(nullptr, delimiters, &rest)) {
         pieces.emplace_back(piece);
     }
@@ -111,35 +150,33 @@ std::vector<std::string> txt2vector(const std::string& text, const std::string& 
 }
 
 std::string StringToUpper(std::string text) {
-    for (char& c : text) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(toupper(c)); });
     return text;
 }
 
 std::string urldecode(const std::string& text) {
     std::string decoded;
-    bool escape = false;
+    decoded.reserve(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
-        if (!escape) {
-            if (text[i] == '%') {
-                escape = true;
-            } else {
-                decoded += text[i] == '+' ? ' ' : text[i];
-            }
+        if (text[i] != '%') {
+            decoded += text[i] == '+' ? ' ' : text[i];
             continue;
         }
-        escape = false;
+        ++i;
+        if (i + 1 >= text.size()) break;  // one digit, or none, closes the text: nothing more to give
         const int high = hexDigit(text[i]);
-        const int low = i + 1 < text.size() ? hexDigit(text[i + 1]) : -1;
-        if (high >= 0 && low >= 0) {
-            decoded += static_cast<char>(high * 16 + low);
-            ++i;
-        }
+        const int low = hexDigit(text[i + 1]);
+        if (high < 0 || low < 0) continue;
+        decoded += static_cast<char>(high * 16 + low);
+        ++i;
     }
     return decoded;
 }
 
 void systemLog(const char* identity, const char* message) {
-    openlog(identity, LOG_CONS, kLogFacility);
+    // 6 is no facility, so the log library keeps its default one.
+    openlog(identity, LOG_CONS, 6);
     syslog(LOG_INFO, "%s", message);
     closelog();
 }
@@ -151,44 +188,38 @@ void systemLogAndPrint(const char* identity, const char* message) {
 }
 
 void binTiskHex2(int length, const char* buffer) {
-    std::string line;
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string text;
     for (int i = 0; i < length; ++i) {
         const auto byte = static_cast<unsigned char>(buffer[i]);
         if (byte > 31 && byte < 126) {
-            line += buffer[i];
+            text += buffer[i];
         } else {
-            char hex[8];
-            snprintf(hex, sizeof hex, " %02X", byte);
-            line += hex;
+            text += {' ', kDigits[byte >> 4], kDigits[byte & 15]};
         }
     }
-    PrintLine(line);
+    PrintLine(text);
 }
 
 int waitOnCondition(const bool* flag, pthread_cond_t* condition, pthread_mutex_t* mutex, int seconds) {
     pthread_mutex_lock(mutex);
-    timeval now;
+    timeval now{};
     gettimeofday(&now, nullptr);
-    const timespec deadline{now.tv_sec + seconds, now.tv_usec * 1000L};
+    const long nanoseconds = now.tv_usec * 1000;
+    const timespec deadline{now.tv_sec + seconds + nanoseconds / kNanosecondsPerSecond,
+                            nanoseconds % kNanosecondsPerSecond};
     int result = 0;
-    while (!*flag && result != kTimedOut) result = pthread_cond_timedwait(condition, mutex, &deadline);
+    while (!*flag && result == 0) result = pthread_cond_timedwait(condition, mutex, &deadline);
     pthread_mutex_unlock(mutex);
     return result;
 }
 
 int waitOnConditionSleep(const std::atomic<bool>* flag, int seconds, int milliseconds) {
-    const int64_t limit = static_cast<int64_t>(seconds) * kMicrosecondsPerSecond + milliseconds * 1000L;
-    timeval start;
-    gettimeofday(&start, nullptr);
-    for (;;) {
+    const int64_t limit = seconds * kMicrosecondsPerSecond + int64_t{milliseconds} * 1000;
+    const int64_t start = monotonicMicroseconds();
+    do {
         if (*flag) return 1;
         MySleep(0, kFlagLookNanoseconds);
-        timeval now, elapsed;
-        gettimeofday(&now, nullptr);
-        if (TimevalMinus(&elapsed, &now, &start) == 1) {
-            start = now;  // the clock was set back
-            continue;
-        }
-        if (static_cast<int64_t>(elapsed.tv_sec) * kMicrosecondsPerSecond + elapsed.tv_usec > limit) return kTimedOut;
-    }
+    } while (monotonicMicroseconds() - start <= limit);
+    return ETIMEDOUT;
 }

@@ -1,4 +1,5 @@
-// General helpers: sleeping, timeval arithmetic, the key/value file reader, text splitting, system log, bounded waits.
+// General helpers: sleeping, timeval arithmetic, the key/value file reader, text splitting, system log,
+// bounded waits.
 //
 // They hold no state and take no locks (but the caller's mutex in waitOnCondition): any thread may call them.
 #pragma once
@@ -25,21 +26,25 @@ void TiskTed2(char* buffer, int size);
 
 // Reads a key/value file into map and returns true.
 //
-// A line is a key, one blank and the value (all further blanks belong to the value). Lines that begin with '#', '$'
-// or a blank are comments. Carriage returns are dropped. A last line without a line feed is not read. A later line
-// replaces an earlier one with the same key.
-// When the file cannot be opened, prints "Nelze otevrit konfiguracni soubor" and returns false; map stays as it was.
+// A line is a key, one blank and the value (all further blanks belong to the value). Lines that begin with
+// '#', '$' or a blank are comments. Carriage returns are dropped. A last line without a line feed is not
+// read. A later line replaces an earlier one with the same key. Other bytes are taken as they are; a byte
+// order mark is a part of the first key. A line that begins with a zero byte has no key: prints "Chybny
+// konfiguracni soubor" without a newline and returns false; the lines before it are stored. When the file
+// cannot be opened or is a directory, prints "Nelze otevrit konfiguracni soubor" and returns false; map stays
+// as it was.
 bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map);
 
-// Splits text at any of the delimiter characters. Empty pieces are never produced. Text ends at its first zero byte.
+// Splits text at any of the delimiter characters. Empty pieces are never produced. Text ends at its first
+// zero byte.
 std::vector<std::string> txt2vector(const char* text, const char* delimiters);
 std::vector<std::string> txt2vector(const std::string& text, const std::string& delimiters);
 
 // A copy with toupper applied to every byte.
 std::string StringToUpper(std::string text);
 
-// Percent-decoding of a query string; '+' gives a blank. A '%' without two hexadecimal digits behind it is dropped
-// together with the byte right after it.
+// Percent-decoding of a query string; '+' gives a blank. A '%' without two hexadecimal digits behind it is
+// dropped together with the byte right after it.
 std::string urldecode(const std::string& text);
 
 // Writes message to the system log under identity, informational priority.
@@ -51,9 +56,11 @@ void systemLogAndPrint(const char* identity, const char* message);
 // Prints length bytes: printable ones (32 to 125) as they are, others as " %02X"; then one newline.
 void binTiskHex2(int length, const char* buffer);
 
-// Waits until flag is true, at most the given seconds, on a condition variable whose broadcasts follow its changes.
-// Takes mutex for the wait. Returns 0 when the flag was found set, ETIMEDOUT or another error number otherwise.
+// Waits until flag is true, at most the given seconds, on a condition variable whose broadcasts follow its
+// changes. Takes mutex for the wait. Returns 0 when the flag was found set, ETIMEDOUT or another error number
+// otherwise.
 int waitOnCondition(const bool* flag, pthread_cond_t* condition, pthread_mutex_t* mutex, int seconds);
 
-// Looks at flag every 50 ms until it is true (returns 1) or more than the given time has passed (returns 110).
+// Looks at flag every 50 ms until it is true (returns 1) or more than the given time has passed (returns
+// 110).
 int waitOnConditionSleep(const std::atomic<bool>* flag, int seconds, int milliseconds);

@@ -1,7 +1,7 @@
 // A mutex that clang's thread-safety analysis understands.
 //
-// Shared data is declared with GUARDED_BY(its_mutex); clang then refuses every access outside a MutexLock on that
-// mutex. Other compilers see an ordinary POSIX mutex.
+// Shared data is declared with GUARDED_BY(its_mutex); clang then refuses every access outside a MutexLock on
+// that mutex. Other compilers see an ordinary POSIX mutex.
 #pragma once
 
 #include <pthread.h>

@@ -7,22 +7,40 @@
 
 namespace {
 
-constexpr long kStartedLookNanoseconds = 10000;
-constexpr char kCreationFailed[] = "Thread3::start failed creating thread!\n";
+constexpr long kStartLookNanoseconds = 10000;
 
 }  // namespace
 
-Thread3::~Thread3() noexcept { Stop(); }
+Thread3::~Thread3() noexcept {
+    Stop();
+}
+
+int Thread3::create(const pthread_attr_t* attributes) {
+    pthread_t handle = 0;
+    const int result = pthread_create(&handle, attributes, EntryPoint, this);
+    if (result == 0) {
+        handle_ = handle;
+    } else {
+        errno = result;
+        perror("Thread3::start failed creating thread!\n");
+    }
+    // A thread that could not be made never begins: the owner waits here, it cannot do its work without it.
+    while (!started_) MySleep(0, kStartLookNanoseconds);
+    return result;
+}
 
 int Thread3::Start(int argument) {
     start_argument_ = argument;
-    detached_ = false;
+    // Before the object forgets that an earlier thread was detached: such a thread cannot be joined.
     Stop();
+    detached_ = false;
+    started_ = false;
     return create(nullptr);
 }
 
 int Thread3::StartDetatched() {
     detached_ = true;
+    started_ = false;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -31,31 +49,13 @@ int Thread3::StartDetatched() {
     return result;
 }
 
-int Thread3::create(const pthread_attr_t* attributes) {
-    started_ = false;
-    pthread_t handle = 0;
-    const int result = pthread_create(&handle, attributes, EntryPoint, this);
-    if (result == 0) {
-        handle_ = handle;
-    } else {
-        errno = result;
-        perror(kCreationFailed);
-    }
-    // A thread that could not be made never begins: the owner waits here, it cannot do its work without it.
-    while (!started_) MySleep(0, kStartedLookNanoseconds);
-    return result;
-}
-
 void Thread3::Stop() {
-    const pthread_t handle = handle_;
-    if (handle == 0) return;
+    if (handle_ == 0) return;
     BeforeStop();
     if (!detached_) {
-        const int result = pthread_join(handle, nullptr);
-        if (result != 0) {
-            errno = result;
-            perror("Pthread_join error ... \n");
-        }
+        const int result = pthread_join(handle_, nullptr);
+        errno = result;
+        if (result != 0) perror("Pthread_join error ... \n");
     }
     handle_ = 0;
     started_ = false;

@@ -4,14 +4,15 @@
 
 #include <atomic>
 
-// One POSIX thread around a virtual body. A derived class overrides ExecuteThread and sees to it that the body
-// returns within bounded time once its own end condition holds: Stop waits for it and never cancels.
+// One POSIX thread around a virtual body. A derived class overrides ExecuteThread and sees to it that the
+// body returns within bounded time once its own end condition holds: Stop waits for it and never cancels.
 //
-// Start, StartDetatched and Stop are for one controlling thread, never for the thread itself. Exit is for the thread
-// itself only.
+// Start, StartDetatched and Stop are for one controlling thread, never for the thread itself. Exit is for the
+// thread itself only.
 //
-// The destructor stops the thread and is not virtual: delete an object through its own class. A derived class whose
-// body uses its own members calls Stop in its own destructor, since the base destructor runs when those are gone.
+// The destructor stops the thread and is not virtual: delete an object through its own class. A derived class
+// whose body uses its own members calls Stop in its own destructor, since the base destructor runs when those
+// are gone.
 class Thread3 {
   public:
     Thread3() = default;
@@ -19,15 +20,17 @@ class Thread3 {
     Thread3(const Thread3&) = delete;
     Thread3& operator=(const Thread3&) = delete;
 
-    // Ends a thread that this object may still run, starts a joinable one and waits until it has really begun. Returns
-    // the result of pthread_create. A failed creation is reported on standard error ("Thread3::start failed creating
-    // thread!") and then waited for without end. The argument is kept and not used.
+    // Ends a thread that this object may still run, starts a joinable one and waits until it has really
+    // begun. Returns the result of pthread_create. A failed creation is reported on standard error
+    // ("Thread3::start failed creating thread!") and then waited for without end. The argument is kept and
+    // not used.
     int Start(int argument);
 
     // Starts a thread that is never joined. Otherwise as Start, without ending an earlier thread.
     int StartDetatched();
 
-    // Calls BeforeStop, joins the thread (unless detached) and makes the object idle. Does nothing without a thread.
+    // Calls BeforeStop, joins the thread (unless detached) and makes the object idle. Does nothing without a
+    // thread.
     void Stop();
 
     // Ends the calling thread at once when the object's thread has begun; otherwise does nothing.
