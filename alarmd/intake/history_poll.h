@@ -7,8 +7,9 @@
 // Makes the HTTPS handle for https_port. Without a handle the daemon still runs; every poll then fails.
 void openHistory();
 
-// Hands a pending line from tcps to json_parse, then makes one request and hands its answer to json_parse. Failures
-// are told on standard error. Connecting takes at most 5 s and a transfer at most 60 s; a stop request ends it.
+// Hands a pending line from tcps to json_parse, then makes one request and hands its answer to json_parse.
+// Failures are told on standard error. Connecting takes at most 5 s and a transfer at most 60 s; a stop
+// request ends it.
 void pollHistory();
 
 // Releases the handle.
@@ -17,5 +18,6 @@ void closeHistory();
 // The request's body for the present start point, at most 999 characters.
 std::string historyRequest();
 
-// libcurl write callback: appends the chunk up to its first zero byte to target (a std::string); returns size * count.
+// libcurl write callback: appends the chunk up to its first zero byte to target (a std::string); returns size
+// * count.
 size_t curl_write_to_string2(void* data, size_t size, size_t count, void* target);

@@ -1,0 +1,148 @@
+#include "alarmd/intake/alarm_parser.h"
+
+#include <json/value.h>
+
+#include <string>
+
+#include "alarmd/alarmd.h"
+#include "alarmd/fatal.h"
+#include "alarmd/intake/notification_queues.h"
+#include "alarmd/json_reader.h"
+#include "alarmd/project/alarm_definitions.h"
+#include "knihovny/debugerror.h"
+
+namespace {
+
+[[noreturn]] void endOnWrongShape(const std::string& where, const Json::Exception& why) {
+    fatal("history answer, " + where + ": " + why.what());
+}
+
+// The instant in seconds. A double holds the present time to a quarter of a microsecond.
+double instant(int64_t seconds, int64_t microseconds) {
+    return static_cast<double>(seconds) + static_cast<double>(microseconds) / 1000000.0;
+}
+
+double instant(const TimeTriple& time) {
+    return instant(time[0], time[1]);
+}
+
+void readTime(const Json::Value& value, TimeTriple& time) {
+    time[0] = value[0U].asInt();
+    time[1] = value[1U].asInt();
+}
+
+// Overwrites what an entry can carry in alarm_tag; a missing member gives 0 or an empty text. Values are only
+// looked at as const, since a look-up in a value that may change would add the missing member.
+void readEntry(const Json::Value& entry) {
+    alarm_tag.id = entry["id"].asInt();
+    const Json::Value& cell = entry["cell"];
+    readTime(cell["acktm"], alarm_tag.acktm);
+    alarm_tag.ackv = cell["ackv"].asDouble();
+    readTime(cell["atm"], alarm_tag.atm);
+    alarm_tag.av = cell["av"].asDouble();
+    readTime(cell["dtm"], alarm_tag.dtm);
+    alarm_tag.dv = cell["dv"].asDouble();
+    alarm_tag.stat = cell["stat"].asInt();
+    alarm_tag.user = cell["user"].asString();
+}
+
+void copyDefinitionTexts() {
+    MutexLock lock(project_mutex);
+    const _alarm_def& definition = definitionFor(alarm_tag.id);
+    alarm_tag.area = definition.area;
+    alarm_tag.msg = definition.message;
+    alarm_tag.sv = definition.severity;
+    alarm_tag.dev = definition.device;
+}
+
+// The time that dates the alarm's state, or null for a state that is never new.
+const TimeTriple* eventTime() {
+    switch (alarm_tag.stat) {
+        case kDeactivated:
+            return &alarm_tag.dtm;
+        case kActivated:
+            return &alarm_tag.atm;
+        case kAcknowledged:
+        case kAckTimedState:
+            return &alarm_tag.acktm;
+        default:
+            return nullptr;
+    }
+}
+
+void appendTime(std::string& log, const char* name, const TimeTriple& time) {
+    AppendLine(log, name, time[0], '.', time[1], '(', static_cast<long double>(instant(time)), ')');
+}
+
+void appendAlarm(std::string& log) {
+    AppendLine(log, "---------------NEW ALARM-----------------------");
+    AppendLine(log, "id: ", alarm_tag.id);
+    appendTime(log, "acktm: ", alarm_tag.acktm);
+    AppendLine(log, "ackv: ", alarm_tag.ackv);
+    AppendLine(log, "area: ", alarm_tag.area);
+    appendTime(log, "atm: ", alarm_tag.atm);
+    AppendLine(log, "av: ", alarm_tag.av);
+    AppendLine(log, "dev: ", alarm_tag.dev);
+    appendTime(log, "dtm: ", alarm_tag.dtm);
+    AppendLine(log, "dv: ", alarm_tag.dv);
+    AppendLine(log, "stat: ", alarm_tag.stat);
+    AppendLine(log, "sv: ", alarm_tag.sv);
+    AppendLine(log, "user: ", alarm_tag.user);
+    AppendLine(log, "--------------------------------------------");
+}
+
+// Queues and prints the alarm in alarm_tag when its state is newer than the start point.
+void takeIfNew() {
+    const TimeTriple* time = eventTime();
+    if (!time || !(instant(*time) > instant(last_timestamp, last_timestamp_ms))) return;
+    std::string log;
+    log.reserve(600);
+    uloz_alarm(alarm_tag.stat, log);
+    appendAlarm(log);
+    Print(log);
+}
+
+// The next poll begins one microsecond behind the alarm in alarm_tag.
+void moveStartPoint() {
+    const TimeTriple* time = eventTime();
+    if (!time) return;
+    last_timestamp = (*time)[0];
+    last_timestamp_ms = (*time)[1] + 1;
+}
+
+const Json::Value& entriesOf(const Json::Value& answer) {
+    try {
+        return answer["d"];
+    } catch (const Json::Exception& error) {
+        endOnWrongShape("the whole", error);
+    }
+}
+
+void readEntryAt(const Json::Value& entries, Json::ArrayIndex i) {
+    try {
+        readEntry(entries[i]);
+    } catch (const Json::Exception& error) {
+        endOnWrongShape("entry " + std::to_string(i), error);
+    }
+}
+
+}  // namespace
+
+void json_parse(const char* text) {
+    const std::string answer_text = text;
+    PrintLine("JSON : ", answer_text);
+    Json::Value answer;
+    std::string errors;
+    if (!parseJson(answer_text, answer, errors)) {
+        PrintLine("Failed to parse JSON\n", errors);
+        return;
+    }
+    const Json::Value& entries = entriesOf(answer);
+    const Json::ArrayIndex size = entries.size();
+    for (Json::ArrayIndex i = 0; i < size; i++) {
+        readEntryAt(entries, i);
+        copyDefinitionTexts();
+        takeIfNew();
+        if (i == size - 1) moveStartPoint();
+    }
+}
