@@ -5,12 +5,25 @@
 
 // How a child process ended.
 struct ClientResult {
-    enum Kind { kExited, kSignalled, kNotStarted, kStopped } kind = kExited;
-    int code = 0;  // exit status, signal number or errno, by kind
+    enum Kind {
+        kExited,      // code: exit status
+        kSignalled,   // code: signal number
+        kNotStarted,  // code: errno
+        kStopped,     // it hung at a stop request and was ended
+    };
+    Kind kind = kExited;
+    int code = 0;
 };
 
-// Starts the program path without a shell, arguments being its argv, writes input to its standard input and waits for
-// its end. The child's other descriptors are the daemon's standard output and error only. When konec is set while the
-// client still runs, it has kStopGraceSeconds more and is then ended (kStopped). Any thread; SIGPIPE must be ignored.
+// Starts the program path without a shell, arguments being its argv (with argv[0]), writes input to its
+// standard input and waits for its end. A client that leaves its input unread is waited for all the same.
+//
+// The client inherits standard output and error and no other descriptor. Its signal mask is empty and SIGPIPE
+// has its default action. When konec is set while it runs, it has kStopGraceSeconds more; then it gets
+// SIGTERM, and SIGKILL kKillDelaySeconds later, and the result is kStopped.
+//
+// REQUIRES: SIGPIPE is ignored. Any thread.
 constexpr int kStopGraceSeconds = 3;
-ClientResult runClient(const std::string& path, const std::vector<std::string>& arguments, const std::string& input);
+constexpr int kKillDelaySeconds = 1;
+ClientResult runClient(const std::string& path, const std::vector<std::string>& arguments,
+                       const std::string& input);

@@ -4,23 +4,32 @@
 #include <cstdint>
 #include <string>
 
-// The head that every alarm mail begins with: html tag, style sheet, empty title, body tag.
+// The head that every alarm mail begins with: html tag, style sheet, empty title, body tag. See
+// style_sheet.h.
 extern std::string css_string;
 
-// 50 random characters of 0-9A-Za-z, from rand() unseeded: the same sequence in every process. One thread at a time.
+// 50 random characters of 0-9A-Za-z, from rand() unseeded: the same sequence in every process. One thread at
+// a time.
 std::string random_string();
 
-// "-" for t below 1, else local time as "%c" gives it (POSIX locale: Sun Nov 15 12:05:51 2026). Any thread.
+// "-" for t (seconds since the epoch) below 1, else local time as "%c" gives it (POSIX locale: Sun Nov 15
+// 12:05:51 2026). "-" too for a time whose year fits in no calendar. Any thread.
 std::string getReadebleTime(int64_t t);
 
-// Reads ./template_css.html into css_string, or prints "Unable to open template file". Not called by the daemon.
+// Reads ./template_css.html into css_string, or prints "Unable to open template file". Not called by the
+// daemon.
 void readCSSTemplate();
 
-// Composes one mail to the address or comma-separated addresses to, prints the command line and hands the message to
-// binFolder/ext/msmtp/msmtp on its standard input; returns when the client has ended. subject counts only for the test
-// mail. Does nothing when use_msmtp is false. A client that is missing or fails is told in one line on standard error.
-// Mail thread; main thread for the test mail.
+// Composes one mail with the HTML text body to the address or comma-separated addresses to, prints it and the
+// client's command line and hands it to binFolder/ext/msmtp/msmtp on its standard input; returns when the
+// client has ended. CR and LF in the addresses and the subject are dropped. The subject is "Online Alarming";
+// subject counts only for the test mail. ignored is not read. Does nothing when use_msmtp is false. A client
+// that is missing or fails is told in one line on standard error. Mail thread; main thread for the test mail.
 void send_mail(const char* to, std::string body, const char* ignored, const char* subject);
+
+// True when the client of the last send_mail hung at a stop request and had to be ended: no further mail
+// should be tried. Thread of send_mail.
+bool mailClientHung();
 
 // Composes and sends the test mail to test_user. Main thread, before any other thread starts.
 void sendTestMail();

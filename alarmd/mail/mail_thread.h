@@ -1,17 +1,27 @@
 #pragma once
 
 #include <atomic>
+#include <string>
 
 #include "knihovny/thread3.h"
 
-// The mail thread's body: after 2 s one pass every 3 s until konec is set.
+// Set for each alarm mail and read by nothing else: the text handed to send_mail as its ignored third
+// argument, and a mark. Mail thread only.
+extern std::string subject;
+extern std::string test;
+
+// The mail thread's body: after 2 s one pass every 3 s until konec is set. No pass starts while thr_lock is
+// raised.
 void vlakno_m();
 
-// One pass: every queued alarm becomes one mail to each user of each group (0 to 9) that lists it. Mail thread.
+// One pass: every queued alarm becomes one mail to each user of each group (0 to 9) that lists it. An alarm
+// whose event is ALARM_TIMEOUT seconds old is dropped with a line. When a stop request meets a client that
+// hangs, the mails that are left are counted on standard error and not sent. Mail thread.
 void zpracuj_maily_by_users();
 
 class MyThread final : public Thread3 {
   public:
+    ~MyThread() { Stop(); }
     void NastavUkonceni(std::atomic<bool>* flag) { ukonci = flag; }
 
   protected:

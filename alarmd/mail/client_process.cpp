@@ -1,0 +1,181 @@
+#include "alarmd/mail/client_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <string_view>
+
+#include "alarmd/alarmd.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// konec is raised by a signal that another thread may receive, so waits are cut into slices.
+constexpr int kSliceMs = 100;
+// Without a process descriptor the client's end is looked for this often.
+constexpr int kBlindSliceMs = 5;
+
+class Descriptor {
+  public:
+    explicit Descriptor(int fd = -1) : fd_(fd) {}
+    ~Descriptor() { reset(); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return fd_; }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) close(fd_);
+        fd_ = fd;
+    }
+
+  private:
+    int fd_;
+};
+
+// What the client begins with. Descriptors from 3 on are closed by number, because some are opened inside
+// libraries.
+class SpawnSetup {
+  public:
+    explicit SpawnSetup(int standard_input) {
+        posix_spawn_file_actions_init(&actions_);
+        posix_spawn_file_actions_adddup2(&actions_, standard_input, STDIN_FILENO);
+        posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+        posix_spawnattr_init(&attributes_);
+        sigset_t signals;
+        sigemptyset(&signals);
+        posix_spawnattr_setsigmask(&attributes_, &signals);
+        sigaddset(&signals, SIGPIPE);
+        posix_spawnattr_setsigdefault(&attributes_, &signals);
+        posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    }
+    ~SpawnSetup() {
+        posix_spawn_file_actions_destroy(&actions_);
+        posix_spawnattr_destroy(&attributes_);
+    }
+    SpawnSetup(const SpawnSetup&) = delete;
+    SpawnSetup& operator=(const SpawnSetup&) = delete;
+
+    // Returns 0 or an errno.
+    int spawn(const std::string& path, const std::vector<std::string>& arguments, pid_t& pid) const {
+        std::vector<char*> argv;
+        argv.reserve(arguments.size() + 1);
+        for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        return posix_spawn(&pid, path.c_str(), &actions_, &attributes_, argv.data(), environ);
+    }
+
+  private:
+    posix_spawn_file_actions_t actions_;
+    posix_spawnattr_t attributes_;
+};
+
+// A client that runs: feeds it, waits for it and, at a stop request, ends it.
+class RunningClient {
+  public:
+    // input_end: the writing end of the client's standard input, non-blocking.
+    RunningClient(pid_t pid, Descriptor& input_end, std::string_view input)
+        : pid_(pid),
+          process_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))),
+          input_end_(input_end),
+          rest_(input) {}
+
+    ClientResult run() {
+        feed();
+        while (!ended()) {
+            waitForEvent();
+            if (input_end_.get() >= 0) feed();
+            if (konec) pressToStop();
+        }
+        return result_;
+    }
+
+  private:
+    // Writes as much as the pipe takes and closes it behind the last byte. A client that has closed its input
+    // is done with it (EPIPE); how it ends says whether that was right.
+    void feed() {
+        while (!rest_.empty()) {
+            const ssize_t written = write(input_end_.get(), rest_.data(), rest_.size());
+            if (written >= 0) {
+                rest_.remove_prefix(static_cast<size_t>(written));
+            } else if (errno == EAGAIN) {
+                return;
+            } else if (errno != EINTR) {
+                break;
+            }
+        }
+        input_end_.reset();
+    }
+
+    // Until the client has ended or reads on, or a slice has passed. poll skips descriptors of -1.
+    void waitForEvent() {
+        pollfd events[] = {{process_.get(), POLLIN, 0}, {input_end_.get(), POLLOUT, 0}};
+        poll(events, 2, process_.get() >= 0 ? kSliceMs : kBlindSliceMs);
+        may_have_ended_ = process_.get() < 0 || events[0].revents != 0;
+    }
+
+    bool ended() {
+        if (!may_have_ended_) return false;
+        int status = 0;
+        const pid_t waited = waitpid(pid_, &status, WNOHANG);
+        if (waited == 0 || (waited < 0 && errno == EINTR)) return false;
+        // Where SIGCHLD is ignored the kernel keeps no status: waited is -1 and status 0.
+        if (signals_sent_ > 0) {
+            result_ = {ClientResult::kStopped, 0};
+        } else if (WIFSIGNALED(status)) {
+            result_ = {ClientResult::kSignalled, WTERMSIG(status)};
+        } else {
+            result_ = {ClientResult::kExited, WEXITSTATUS(status)};
+        }
+        return true;
+    }
+
+    // The client is not reaped yet, so its number cannot belong to another process.
+    void pressToStop() {
+        static constexpr int kSignals[] = {SIGTERM, SIGKILL};
+        const Clock::time_point now = Clock::now();
+        if (!stop_seen_) {
+            stop_seen_ = true;
+            next_signal_ = now + std::chrono::seconds(kStopGraceSeconds);
+        }
+        if (signals_sent_ == 2 || now < next_signal_) return;
+        kill(pid_, kSignals[signals_sent_]);
+        next_signal_ = now + std::chrono::seconds(kKillDelaySeconds);
+        ++signals_sent_;
+    }
+
+    const pid_t pid_;
+    const Descriptor process_;  // pidfd, -1 where the kernel has none
+    Descriptor& input_end_;
+    std::string_view rest_;  // of the input
+    bool may_have_ended_ = false;
+    bool stop_seen_ = false;
+    int signals_sent_ = 0;
+    Clock::time_point next_signal_;
+    ClientResult result_;
+};
+
+}  // namespace
+
+ClientResult runClient(const std::string& path, const std::vector<std::string>& arguments,
+                       const std::string& input) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return {ClientResult::kNotStarted, errno};
+    Descriptor read_end(ends[0]);
+    Descriptor write_end(ends[1]);
+    // Only this end: the client expects an ordinary, blocking standard input.
+    fcntl(write_end.get(), F_SETFL, O_NONBLOCK);
+
+    pid_t pid = -1;
+    const int error = SpawnSetup(read_end.get()).spawn(path, arguments, pid);
+    if (error != 0) return {ClientResult::kNotStarted, error};
+    read_end.reset();
+    return RunningClient(pid, write_end, input).run();
+}

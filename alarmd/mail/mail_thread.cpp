@@ -1,0 +1,198 @@
+#include "alarmd/mail/mail_thread.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <vector>
+
+#include "alarmd/alarmd.h"
+#include "alarmd/mail/mail.h"
+#include "alarmd/mail/texts.h"
+#include "knihovny/debugerror.h"
+
+std::string subject;
+std::string test;
+
+namespace {
+
+constexpr unsigned kStartPauseSeconds = 2;
+constexpr unsigned kPassPauseSeconds = 3;
+constexpr size_t kRowBuffer = 999;  // bytes with the zero; a longer row is cut
+
+constexpr char kTableHead[] =
+    "<table border=1>\n"
+    "<TR><TD>MESSAGE</TD><TD>STATUS</TD><TD>SEV</TD><TD>AREA</TD><TD>DEVICE</TD><TD>ACT TIME</TD><TD>DEACT "
+    "TIME</TD>"
+    "<TD>ACK TIME</TD><TD>ACT VAL</TD><TD>DEACT VAL</TD><TD>ACK VAL</TD><TD>USER</TD></TR>\n";
+constexpr char kTail[] =
+    "</table>\n"
+    "</body>\n"
+    "</html>\n";
+
+// What a mail says of an alarm's state, and when that began.
+struct Event {
+    const char* status;
+    int64_t time;  // seconds since the epoch
+};
+
+struct Recipient {
+    int group;
+    _user user;
+};
+
+Event eventOf(const _alarm_tag& alarm) {
+    switch (alarm.stat) {
+        case kDeactivated:
+            return {"Deactivate", alarm.dtm[0]};
+        case kActivated:
+            return {"Activate", alarm.atm[0]};
+        case kAcknowledged:
+            return {"Acknowledge", alarm.acktm[0]};
+        default:  // kAckTimedState; the history reports no other
+            return {"", alarm.acktm[0]};
+    }
+}
+
+bool isStale(int64_t event_time) {
+    int64_t age;
+    // Only a time far below zero is out of range.
+    if (__builtin_sub_overflow(static_cast<int64_t>(time(nullptr)), event_time, &age)) return true;
+    return age >= ALARM_TIMEOUT;
+}
+
+// The ctime text without its newline, empty for a year that has more than four digits.
+std::string timeText(int64_t seconds) {
+    const time_t moment = seconds;
+    char text[32];
+    if (ctime_r(&moment, text) == nullptr) return "";
+    return {text, strcspn(text, "\n")};
+}
+
+void printTimeout(int64_t event_time) {
+    PrintLine(color_sms, "ALARM TIMEOUT !!! (", event_time, " ", timeText(event_time), ")", color_off);
+}
+
+// In the order in which they get their mails. Who is in two groups that list the alarm gets two mails.
+std::vector<Recipient> recipientsOf(int alarm_id) EXCLUDES(project_mutex) {
+    std::vector<Recipient> recipients;
+    MutexLock lock(project_mutex);
+    for (int g = 0; g < kNotifiedGroups; ++g) {
+        const _group& group = list_group[g];
+        if (std::find(group.alarm_ids.begin(), group.alarm_ids.end(), alarm_id) == group.alarm_ids.end())
+            continue;
+        for (const _user& member : group.users) recipients.push_back({g, member});
+    }
+    return recipients;
+}
+
+std::string dashIfEmpty(const std::string& text) {
+    return text.empty() ? "-" : text;
+}
+
+// An empty device stays empty; only the single blank that stands for "no device" in the project files gives a
+// dash.
+std::string dashIfBlank(const std::string& text) {
+    return text == " " ? "-" : text;
+}
+
+std::string tableRow(const _alarm_tag& alarm, const char* status, const _langs& texts) {
+    char row[kRowBuffer];
+    const int length = snprintf(
+        row, sizeof row,
+        "<TR><TD>%s</TD><TD>%s</TD><TD>%d</TD><TD>%s</TD><TD>%s</TD><TD>%s</TD><TD>%s</TD>"
+        "<TD>%s</TD><TD>%.2f</TD><TD>%.2f</TD><TD>%.2f</TD><TD>%s</TD></TR>\n",
+        dashIfEmpty(texts.messageLangs).c_str(), status, alarm.sv, dashIfEmpty(texts.areaLangs).c_str(),
+        dashIfBlank(texts.deviceLangs).c_str(), getReadebleTime(alarm.atm[0]).c_str(),
+        getReadebleTime(alarm.dtm[0]).c_str(), getReadebleTime(alarm.acktm[0]).c_str(), alarm.av, alarm.dv,
+        alarm.ackv, dashIfEmpty(alarm.user).c_str());
+    if (length < 0) return "";
+    return {row, std::min(static_cast<size_t>(length), sizeof row - 1)};
+}
+
+void printRecipient(const _alarm_tag& alarm, const Recipient& recipient, const std::string& lang,
+                    const _langs& texts) {
+    std::string lines;
+    AppendLine(lines, color_mail, "(MAIL FOR USER) GROUP: ", recipient.group, " - FOUND alarm ID: ", alarm.id,
+               color_off);
+    AppendLine(lines, "-> Language: ", lang);
+    AppendLine(lines, "-> Mail: ", recipient.user.mail);
+    AppendLine(lines, "-> Device lang: ", texts.deviceLangs);
+    AppendLine(lines, "-> Area lang: ", texts.areaLangs);
+    AppendLine(lines, "-> Message lang: ", texts.messageLangs);
+    Print(lines);
+}
+
+void deliver(const Recipient& recipient, std::string body) {
+    if (testing_email != 0) return;
+    if (disable_notification) {
+        PrintLine("Notification DISABLED !!!!");
+        return;
+    }
+    PrintLine(color_mail, "-> Odesilam mail - group: ", recipient.group, " email: ", recipient.user.mail,
+              color_off);
+    send_mail(recipient.user.mail.c_str(), std::move(body), subject.c_str(), "");
+    PrintLine("-> Odeslan");
+}
+
+void makeMail(const _alarm_tag& alarm, const char* status, const Recipient& recipient) {
+    const std::string lang = recipient.user.lang.empty() ? "default" : recipient.user.lang;
+    const _langs texts = getTextForLangs(alarm.id, lang);
+    printRecipient(alarm, recipient, lang, texts);
+    subject = "\"Alarming-immediately\"";
+    test = "0";
+    deliver(recipient, css_string + kTableHead + tableRow(alarm, status, texts) + kTail);
+}
+
+// Makes the alarm's mails. Returns how many were given up, because a client hung at a stop request in this
+// pass.
+int handleAlarm(const _alarm_tag& alarm, bool& hung) {
+    const Event event = eventOf(alarm);
+    if (isStale(event.time)) {
+        printTimeout(event.time);
+        return 0;
+    }
+    int given_up = 0;
+    for (const Recipient& recipient : recipientsOf(alarm.id)) {
+        if (hung) {
+            ++given_up;
+            continue;
+        }
+        makeMail(alarm, event.status, recipient);
+        hung = mailClientHung();
+    }
+    return given_up;
+}
+
+void printPassHeader() {
+    char line[96];
+    const int length = snprintf(line, sizeof line, "%c[%d;%d;%dm-->%s (queue:%d) %c[%d;%d;%dm\n", 27, 0, 0,
+                                31, "Thread mail", fronta_mail.size(), 27, 0, 0, 37);
+    Print({line, static_cast<size_t>(length)});
+}
+
+}  // namespace
+
+void vlakno_m() {
+    sleep(kStartPauseSeconds);
+    vlakno_mail = 1;
+    while (!konec) {
+        if (!thr_lock) {
+            printPassHeader();
+            zpracuj_maily_by_users();
+        }
+        sleep(kPassPauseSeconds);
+    }
+    PrintLine("Koncim Vlakno mail.........");
+    vlakno_mail = 0;
+}
+
+void zpracuj_maily_by_users() {
+    _alarm_tag alarm;
+    bool hung = false;
+    int given_up = 0;
+    while (fronta_mail.take(alarm)) given_up += handleAlarm(alarm, hung);
+    if (given_up > 0) PrintErrorLine("Stop requested: ", given_up, " mails not sent");
+}
