@@ -2,20 +2,23 @@
 
 #include <json/reader.h>
 #include <json/writer.h>
+#include <unistd.h>
 
-#include <fstream>
-#include <iterator>
+#include <algorithm>
 #include <stdexcept>
 
-// The classic reader and writer are deprecated in jsoncpp in favour of builders whose messages and output differ; the
-// log and the requests of this daemon carry the classic forms.
+#include "alarmd/regular_file.h"
+
+// The classic reader and writer are deprecated in jsoncpp in favour of builders whose messages and output
+// differ; the log and the requests of this daemon carry the classic forms.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 bool parseJson(const std::string& text, Json::Value& root, std::string& errors) {
     Json::Reader reader;
     try {
-        if (reader.parse(text, root, false)) return true;
+        // The form with two pointers makes no copy of the text.
+        if (reader.parse(text.data(), text.data() + text.size(), root, false)) return true;
         errors = reader.getFormattedErrorMessages();
     } catch (const std::exception& error) {
         errors = std::string("* ") + error.what() + "\n";
@@ -23,16 +26,26 @@ bool parseJson(const std::string& text, Json::Value& root, std::string& errors) 
     return false;
 }
 
-std::string writeJson(const Json::Value& value) { return Json::FastWriter().write(value); }
+std::string writeJson(const Json::Value& value) {
+    return Json::FastWriter().write(value);
+}
 
 #pragma GCC diagnostic pop
 
 bool readWholeFile(const std::string& path, std::string& text) {
+    constexpr size_t kFirst = 4096;
     text.clear();
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return false;
-    text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    if (!file.bad()) return true;
-    text.clear();
-    return false;
+    std::string reason;
+    const int descriptor = openRegularFile(path, reason);
+    if (descriptor < 0) return false;
+    size_t length = 0;
+    long count;
+    do {
+        if (length == text.size()) text.resize(std::max(kFirst, 2 * length));
+        count = readSome(descriptor, text.data() + length, text.size() - length, reason);
+        if (count > 0) length += static_cast<size_t>(count);
+    } while (count > 0);
+    close(descriptor);
+    text.resize(count < 0 ? 0 : length);
+    return count == 0;
 }

@@ -5,13 +5,13 @@
 
 #include <string>
 
-// Parses text into root, comments not collected, and returns true. On a failure, also one of nesting too deep for the
-// parser, returns false and fills errors with the parser's formatted messages.
+// Parses text into root, comments not collected, and returns true. On a failure, also one of nesting too deep
+// for the parser, returns false and fills errors with the parser's formatted messages.
 bool parseJson(const std::string& text, Json::Value& root, std::string& errors);
 
 // The compact form of value, closed by a newline.
 std::string writeJson(const Json::Value& value);
 
-// Reads a whole regular file; true when that worked. A file that is missing, unreadable or a folder gives false and
-// an empty text.
+// Reads a whole regular file; true when that worked. A file that is missing, unreadable, a folder or a pipe
+// gives false and an empty text.
 bool readWholeFile(const std::string& path, std::string& text);
