@@ -1,0 +1,67 @@
+#include "alarmd/project/json_file.h"
+
+#include <stdexcept>
+
+#include "alarmd/json_reader.h"
+#include "knihovny/debugerror.h"
+
+namespace {
+
+// The library's complaint does not name the member.
+template <class Convert>
+auto named(const char* key, const Convert& convert) {
+    try {
+        return convert();
+    } catch (const Json::Exception& error) {
+        throw std::runtime_error(std::string("\"") + key + "\": " + error.what());
+    }
+}
+
+}  // namespace
+
+int JsonElement::number(const char* key) const {
+    return named(key, [&, this] { return member(key).asInt(); });
+}
+
+std::string JsonElement::text(const char* key) const {
+    return named(key, [&, this] { return member(key).asString(); });
+}
+
+bool JsonElement::flag(const char* key) const {
+    return named(key, [&, this] { return member(key).asBool(); });
+}
+
+const Json::Value& JsonElement::member(const char* key) const {
+    if (!value_.isObject() && !value_.isNull()) throw std::runtime_error("not an object");
+    return value_[key];
+}
+
+bool readJsonArray(const std::string& path, std::string_view name, Json::Value& root) {
+    std::string text;
+    std::string errors;
+    readWholeFile(path, text);
+    if (!parseJson(text, root, errors)) {
+        Print("Failed to JSON parse " + std::string(name) + "\n" + errors + "\n");
+        return false;
+    }
+    if (root.isArray()) return true;
+    PrintErrorLine("alarmd: ", path, ": the document is not an array, nothing is taken from it");
+    return false;
+}
+
+void convertElements(const std::string& path, const Json::Value& root,
+                     const std::function<void(const JsonElement& element, std::string& remark)>& convert) {
+    std::string complaints;
+    size_t number = 0;
+    for (const Json::Value& value : root) {
+        ++number;
+        std::string remark;
+        try {
+            convert(JsonElement(value), remark);
+        } catch (const std::runtime_error& error) {
+            remark = std::string(error.what()) + " (element left out)";
+        }
+        if (!remark.empty()) AppendLine(complaints, "alarmd: ", path, ", element ", number, ": ", remark);
+    }
+    PrintError(complaints);
+}
