@@ -276,9 +276,9 @@ Scenario parseScenario(const std::string& text, const std::string& name) {
 }
 
 Scenario loadScenario(const std::string& path) {
+    errno = 0;
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
-    errno = 0;
     if (!file || !(text << file.rdbuf())) {
         throw ScenarioError(path + ": " + (errno != 0 ? strerror(errno) : "it is empty"));
     }
