@@ -1,0 +1,49 @@
+#!/bin/bash
+# Shows the daemon at work: builds it, sets a small plant up around it and lets alarms happen.
+set -u
+cd "$(dirname "$(readlink -f "$0")")" || exit 1
+
+usage() {
+    cat <<'TEXT'
+Usage: ./run.sh [--keep]
+
+Builds the daemon and runs it in a private world with a simulated Korvato server, the real mail client and a real
+mail server. Alarms happen after examples/scenario.json; the terminal shows the road of each into the mailbox.
+Missing packages are installed first. Takes about a minute once it is built.
+
+  --keep    after the scenario go on until Ctrl-C; alarms can then be typed in
+  --help    this text
+
+Status 0 when every mail that should arrive has arrived. Mails and logs are left in out/.
+TEXT
+}
+
+keep=""
+for argument; do
+    case $argument in
+        --keep) keep=--keep ;;
+        --help | -h) usage; exit 0 ;;
+        *) echo "run.sh: unknown option $argument" >&2; usage >&2; exit 2 ;;
+    esac
+done
+
+# shellcheck source=scripts/packages.sh
+. scripts/packages.sh
+# shellcheck source=scripts/build.sh
+. scripts/build.sh
+
+for folder in build out; do
+    if ! mkdir -p $folder || [[ ! -w $folder ]]; then
+        echo "The folder $PWD/$folder cannot be written; does it belong to another user?" >&2
+        exit 1
+    fi
+done
+# shellcheck disable=SC2086
+install_packages out/install.log $run_packages || exit 1
+if [[ $(scripts/world.sh --probe) == none ]]; then
+    scripts/world.sh true
+    exit 1
+fi
+build demo out/build.log alarmd korvato-server-sim || exit 1
+rm -rf out/plant out/mailbox out/mails out/alarmd.log out/server.log out/smtp.log
+exec scripts/world.sh /usr/bin/python3 -B scripts/demo.py --bin build/demo/bin $keep
