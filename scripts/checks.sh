@@ -1,0 +1,132 @@
+# Running checks and ctest, and counting them. Sourced by test.sh.
+
+passed=0
+failed=0
+skipped=0
+failures=()
+
+step() { echo "-- $*"; }
+
+pass() {
+    passed=$((passed + 1))
+    echo "  ok       $1"
+}
+
+fail() {
+    failed=$((failed + 1))
+    failures+=("$1")
+    echo "  FAILED   $1"
+}
+
+skip() {
+    skipped=$((skipped + 1))
+    echo "  skipped  $1: $2"
+}
+
+# check NAME LOG COMMAND...: one command that is a test of its own. Its output goes to LOG and is shown when it fails.
+check() {
+    local name=$1 log=$2 begin=$SECONDS
+    shift 2
+    if "$@" >"$log" 2>&1 </dev/null; then
+        pass "$name ($((SECONDS - begin)) s)"
+    else
+        tail -n 60 "$log"
+        fail "$name (all of its output is in $log)"
+        return 1
+    fi
+}
+
+# build_check PRESET: a build that is a test of its own.
+build_check() {
+    if build "$1" "build/logs/build-$1.log"; then pass "build $1"; else fail "build $1"; return 1; fi
+}
+
+# run_ctest PRESET [PREFIX...]: runs the preset's tests (those that match the filter, where there is one) and adds up
+# the results. PREFIX is a command to run ctest by.
+run_ctest() {
+    local preset=$1 log=build/logs/test-$1.log junit=build/logs/test-$1.xml begin=$SECONDS counts p f s
+    shift
+    rm -f "$junit"
+    "$@" ctest --test-dir "build/$preset" -j "$jobs" --output-on-failure --no-tests=error \
+        --output-junit "$PWD/$junit" ${filter:+-R "$filter"} </dev/null 2>&1 | tee "$log" | show_tests
+    counts=$(/usr/bin/python3 -B scripts/junit_counts.py "$junit")
+    read -r p f s <<<"$counts"
+    passed=$((passed + p))
+    failed=$((failed + f))
+    skipped=$((skipped + s))
+    if [[ $f -gt 0 ]]; then
+        failures+=("$f of the tests of $preset; see $log")
+    fi
+    echo "  tests of $preset: $p passed, $f failed, $s skipped in $((SECONDS - begin)) s ($log)"
+}
+
+# Reads ctest's output: shows a counter for passed tests (on a terminal), and failed ones with what they printed.
+show_tests() {
+    local line show="" shown=0
+    while IFS= read -r line; do
+        if [[ $line =~ ^[[:space:]]*([0-9]+/[0-9]+)\ Test\ +#[0-9]+:\ ([^ ]+)\ (.*)$ ]]; then
+            show=""
+            case ${BASH_REMATCH[3]} in
+                *Passed*)
+                    if [[ -t 1 ]]; then printf '\r\033[K  %s %.90s' "${BASH_REMATCH[1]}" "${BASH_REMATCH[2]}"; fi
+                    continue
+                    ;;
+                *Skipped*) continue ;;
+                *) line="  FAILED   ${BASH_REMATCH[2]}" show=yes shown=0 ;;
+            esac
+            if [[ -t 1 ]]; then printf '\r\033[K'; fi
+            echo "$line"
+        elif [[ $line =~ ^[[:space:]]+Start\ +[0-9]+: || $line =~ tests\ passed, ]]; then
+            if [[ $line == *tests\ passed,* ]]; then show=""; fi
+        elif [[ $show == yes && $shown -lt 60 ]]; then
+            shown=$((shown + 1))
+            echo "    $line"
+        elif [[ $line == "No tests were found"* || $line == *"Error"* && $line != "Errors while running CTest" ]]; then
+            echo "  $line"
+        fi
+    done
+    if [[ -t 1 ]]; then printf '\r\033[K'; fi
+}
+
+# sanitizer_prefix LIST: prints the command prefix that a program built with -fsanitize=LIST needs on this machine, if
+# any. Fails when such a program does not start at all.
+sanitizer_prefix() {
+    local folder prefix
+    folder=$(mktemp -d)
+    echo 'int main() { return 0; }' >"$folder/probe.cpp"
+    if g++ -fsanitize="$1" "$folder/probe.cpp" -o "$folder/probe" 2>/dev/null; then
+        # Shadow memory may have no place under a kernel with much address randomisation.
+        for prefix in "" "setarch $(uname -m) -R"; do
+            if $prefix "$folder/probe" >/dev/null 2>&1 && $prefix "$folder/probe" >/dev/null 2>&1 &&
+                $prefix "$folder/probe" >/dev/null 2>&1; then
+                rm -rf "$folder"
+                echo "$prefix"
+                return
+            fi
+        done
+    fi
+    rm -rf "$folder"
+    return 1
+}
+
+# sanitizer PRESET LIST: build and tests under sanitizers.
+sanitizer() {
+    local prefix
+    step "Tests with -fsanitize=$2"
+    if ! prefix=$(sanitizer_prefix "$2"); then
+        skip "tests with -fsanitize=$2" "programs built with it do not start under this kernel"
+        return
+    fi
+    # shellcheck disable=SC2086
+    build_check "$1" && run_ctest "$1" $prefix
+}
+
+sources() { git ls-files --cached --others --exclude-standard '*.cpp' '*.h' 2>/dev/null || list_sources; }
+list_sources() { find alarmd knihovny sim tests bench -name '*.cpp' -o -name '*.h'; }
+
+tidy() {
+    sources | grep -E '^(alarmd|knihovny|sim)/.*\.cpp$' |
+        xargs -P "$(nproc)" -n 1 clang-tidy-14 --quiet -p build/clang 2>/dev/null
+}
+
+format() { sources | xargs clang-format-14 --dry-run -Werror; }

@@ -1,0 +1,32 @@
+"""Reads ctest's JUnit file: prints the skipped tests with their reasons on standard error, and "PASSED FAILED SKIPPED"."""
+
+import re
+import sys
+import xml.etree.ElementTree as tree
+
+
+def reason(case):
+    output = case.findtext("system-out") or ""
+    for pattern in (r": Skipped\n(.+)", r"skipped '(.+)'", r"\.\.\. skipped [\"'](.+)[\"']"):
+        found = re.search(pattern, output)
+        if found:
+            return found.group(1)
+    return " ".join(output.split())[:300] or "no reason given"
+
+
+def main():
+    try:
+        cases = list(tree.parse(sys.argv[1]).getroot().iter("testcase"))
+    except (OSError, tree.ParseError) as error:
+        print("No test results: %s" % error, file=sys.stderr)
+        print("0 1 0")
+        return
+    skipped = [case for case in cases if case.get("status") in ("notrun", "disabled")]
+    failed = [case for case in cases if case.get("status") == "fail"]
+    for case in skipped:
+        print("  skipped  %s: %s" % (case.get("name"), reason(case)), file=sys.stderr)
+    print(len(cases) - len(skipped) - len(failed), len(failed), len(skipped))
+
+
+if __name__ == "__main__":
+    main()

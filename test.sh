@@ -1,0 +1,73 @@
+#!/bin/bash
+# Builds the project and runs its tests.
+set -u
+cd "$(dirname "$(readlink -f "$0")")" || exit 1
+
+usage() {
+    cat <<'TEXT'
+Usage: ./test.sh [--all] [FILTER]
+
+Builds the daemon and the simulated plant, and runs the unit tests and the system tests, each of these in a private
+world. Missing packages are installed first. Closes with a line "N passed, M failed" (", K skipped").
+
+  --all     besides: clang with thread-safety analysis, clang-format, clang-tidy, the tests under address and
+            undefined-behaviour sanitizers and under the thread sanitizer, and the release build
+  FILTER    only tests whose name matches this regular expression, as in ./test.sh system.mail
+  --help    this text
+
+Status 0 when nothing failed. Logs are left in build/logs/.
+TEXT
+}
+
+all=""
+filter=""
+for argument; do
+    case $argument in
+        --all) all=yes ;;
+        --help | -h) usage; exit 0 ;;
+        -*) echo "test.sh: unknown option $argument" >&2; usage >&2; exit 2 ;;
+        *) filter=$argument ;;
+    esac
+done
+
+# shellcheck source=scripts/packages.sh
+. scripts/packages.sh
+# shellcheck source=scripts/build.sh
+. scripts/build.sh
+# shellcheck source=scripts/checks.sh
+. scripts/checks.sh
+
+if ! mkdir -p build/logs || [[ ! -w build/logs ]]; then
+    echo "The folder $PWD/build cannot be written; does it belong to another user?" >&2
+    exit 1
+fi
+if [[ -n $all ]]; then packages=$all_packages; else packages=$test_packages; fi
+# shellcheck disable=SC2086
+install_packages build/logs/install.log $packages || exit 1
+
+# System tests mostly wait.
+jobs=$(($(nproc) * 4))
+case $(scripts/world.sh --probe) in
+    fixed) echo "No namespaces on this machine: system tests use /etc/korvato and the ports 11010 and 11032" \
+        "themselves, one at a time; what was there is put back." ;;
+    none) echo "A plain user gets no namespaces on this machine, so the system tests are skipped; run this as root." ;;
+esac
+
+step "Tests"
+build_check dev && run_ctest dev
+
+if [[ -n $all ]]; then
+    step "Checks of the sources"
+    check "clang-format" build/logs/format.log format
+    build_check clang && check "clang-tidy" build/logs/tidy.log tidy
+    sanitizer asan address,undefined
+    sanitizer tsan thread
+    step "Release"
+    build_check release
+fi
+
+for failure in "${failures[@]}"; do echo "failed: $failure"; done
+printf '%d passed, %d failed' $passed $failed
+if [[ $skipped -gt 0 ]]; then printf ', %d skipped' $skipped; fi
+echo
+[[ $failed -eq 0 ]]
