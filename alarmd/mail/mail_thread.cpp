@@ -142,7 +142,7 @@ void makeMail(const _alarm_tag& alarm, const char* status, const Recipient& reci
     const _langs texts = getTextForLangs(alarm.id, lang);
     printRecipient(alarm, recipient, lang, texts);
     subject = "\"Alarming-immediately\"";
-    test = "0";
+    test = '0';
     deliver(recipient, css_string + kTableHead + tableRow(alarm, status, texts) + kTail);
 }
 
