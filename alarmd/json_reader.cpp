@@ -2,9 +2,9 @@
 
 #include <json/reader.h>
 #include <json/writer.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <stdexcept>
 
 #include "alarmd/regular_file.h"
@@ -33,15 +33,17 @@ std::string writeJson(const Json::Value& value) {
 #pragma GCC diagnostic pop
 
 bool readWholeFile(const std::string& path, std::string& text) {
-    constexpr size_t kFirst = 4096;
     text.clear();
     std::string reason;
     const int descriptor = openRegularFile(path, reason);
     if (descriptor < 0) return false;
+    // One byte more than the file has, so that its end is seen without growing the text.
+    struct stat info;
+    if (fstat(descriptor, &info) == 0) text.resize(static_cast<size_t>(info.st_size) + 1);
     size_t length = 0;
     long count;
     do {
-        if (length == text.size()) text.resize(std::max(kFirst, 2 * length));
+        if (length == text.size()) text.resize(2 * length + 1);
         count = readSome(descriptor, text.data() + length, text.size() - length, reason);
         if (count > 0) length += static_cast<size_t>(count);
     } while (count > 0);

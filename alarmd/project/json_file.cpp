@@ -9,31 +9,31 @@ namespace {
 
 // The library's complaint does not name the member.
 template <class Convert>
-auto named(const char* key, const Convert& convert) {
+auto named(std::string_view key, const Convert& convert) {
     try {
         return convert();
     } catch (const Json::Exception& error) {
-        throw std::runtime_error(std::string("\"") + key + "\": " + error.what());
+        throw std::runtime_error("\"" + std::string(key) + "\": " + error.what());
     }
 }
 
 }  // namespace
 
-int JsonElement::number(const char* key) const {
-    return named(key, [&, this] { return member(key).asInt(); });
+int numberFrom(const Json::Value& value, std::string_view key) {
+    return named(key, [&] { return value.asInt(); });
 }
 
-std::string JsonElement::text(const char* key) const {
-    return named(key, [&, this] { return member(key).asString(); });
+std::string textFrom(const Json::Value& value, std::string_view key) {
+    return named(key, [&] { return value.asString(); });
 }
 
-bool JsonElement::flag(const char* key) const {
-    return named(key, [&, this] { return member(key).asBool(); });
+bool flagFrom(const Json::Value& value, std::string_view key) {
+    return named(key, [&] { return value.asBool(); });
 }
 
-const Json::Value& JsonElement::member(const char* key) const {
+const Json::Value& JsonElement::members() const {
     if (!value_.isObject() && !value_.isNull()) throw std::runtime_error("not an object");
-    return value_[key];
+    return value_;
 }
 
 bool readJsonArray(const std::string& path, std::string_view name, Json::Value& root) {

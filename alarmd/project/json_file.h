@@ -7,20 +7,29 @@
 #include <string>
 #include <string_view>
 
-// One element of the array. A member that is missing or null gives 0, an empty text or false; other types are
-// converted as far as the JSON library converts them. Functions throw std::runtime_error, its text naming the
-// key, for a member that cannot be converted (or an integer out of range), and for an element that is no
-// object.
+// A value as a number, a text or a flag. Null gives 0, an empty text or false; other types are converted as
+// far as the JSON library converts them. Throw std::runtime_error, its text naming the key, for a value that
+// cannot be converted and for an integer out of range.
+int numberFrom(const Json::Value& value, std::string_view key);
+std::string textFrom(const Json::Value& value, std::string_view key);
+bool flagFrom(const Json::Value& value, std::string_view key);
+
+// One element of the array. A missing member is the same as null. Besides, all functions throw
+// std::runtime_error for an element that is no object; null counts as one without members.
 class JsonElement {
   public:
     explicit JsonElement(const Json::Value& value) : value_(value) {}
 
-    int number(const char* key) const;
-    std::string text(const char* key) const;
-    bool flag(const char* key) const;
-    const Json::Value& member(const char* key) const;
+    int number(const char* key) const { return numberFrom(member(key), key); }
+    std::string text(const char* key) const { return textFrom(member(key), key); }
+    bool flag(const char* key) const { return flagFrom(member(key), key); }
+
+    // All members, which come in the ascending byte order of their names.
+    const Json::Value& members() const;
 
   private:
+    const Json::Value& member(const char* key) const { return members()[key]; }
+
     const Json::Value& value_;
 };
 
@@ -29,8 +38,8 @@ class JsonElement {
 // on standard error.
 bool readJsonArray(const std::string& path, std::string_view name, Json::Value& root);
 
-// Calls convert for each element of root in order. An element that convert throws for is left out, which is
-// told in one line on standard error (file, number of the element counted from 1, reason); so is a remark
-// that convert left.
+// Calls convert for each element of root in order. An element that convert throws
+// for is left out, which is told in one line on standard error (file, number of the element counted from 1,
+// reason); so is a remark that convert left.
 void convertElements(const std::string& path, const Json::Value& root,
                      const std::function<void(const JsonElement& element, std::string& remark)>& convert);
