@@ -33,10 +33,10 @@ double roundToMicroseconds(double seconds) {
     return std::round(seconds * 1e6) / 1e6;
 }
 
-void EventLog::tell(const char* name, const std::string& text, Json::Value members) const {
+void EventLog::tell(const char* name, const std::string& line, Json::Value members) const {
     if (!sink_) return;
     members["event"] = name;
-    members["text"] = text;
+    members["line"] = line;
     members["at"] = roundToMicroseconds(elapsed());
     members["time"] = momentJson(realMicroseconds());
     sink_(members);
@@ -49,7 +49,7 @@ double EventLog::elapsed() const {
 std::string readableLine(const Json::Value& event) {
     char at[40];
     snprintf(at, sizeof at, "%.3f ", event["at"].asDouble());
-    return at + event["text"].asString();
+    return at + event["line"].asString();
 }
 
 std::string printable(const std::string& text, size_t limit) {

@@ -32,9 +32,9 @@ class EventLog {
     explicit EventLog(Sink sink = {}) : sink_(std::move(sink)) {}
 
     // Tells one event. The event's JSON gets, beside the members given: "event" (the name, for programs),
-    // "text" (for people), "at" (seconds since the log began, from the steady clock), "time" (the real clock,
+    // "line" (for people), "at" (seconds since the log began, from the steady clock), "time" (the real clock,
     // see momentJson).
-    void tell(const char* name, const std::string& text, Json::Value members = Json::objectValue) const;
+    void tell(const char* name, const std::string& line, Json::Value members = Json::objectValue) const;
 
     // Seconds since the log began.
     double elapsed() const;
