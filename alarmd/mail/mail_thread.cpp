@@ -194,5 +194,5 @@ void zpracuj_maily_by_users() {
     bool hung = false;
     int given_up = 0;
     while (fronta_mail.take(alarm)) given_up += handleAlarm(alarm, hung);
-    if (given_up > 0) PrintErrorLine("Stop requested: ", given_up, " mails not sent");
+    if (given_up > 0) PrintErrorLine("Stop requested, mails not sent: ", given_up);
 }

@@ -19,7 +19,7 @@ class Mail : public testing::Test {
     static std::string nextBoundary() {
         static unsigned seed = 100;
         srand(++seed);
-        const std::string boundary = random_string();
+        std::string boundary = random_string();
         srand(seed);
         return boundary;
     }

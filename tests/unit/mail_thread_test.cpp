@@ -418,7 +418,7 @@ TEST_F(MailThread, MailsBehindAClientThatHangsAtAStopRequestAreCountedAndNotSent
     EXPECT_EQ(countOf(printed, "-> Odesilam"), 1U);
     EXPECT_EQ(errors, "Mail client " + world.clientPath() +
                           " did not end within 3 s of the stop request and was ended\n"
-                          "Stop requested: 3 mails not sent\n");
+                          "Stop requested, mails not sent: 3\n");
     EXPECT_TRUE(fronta_mail.empty());
 }
 
