@@ -50,7 +50,8 @@ run_ctest() {
     "$@" ctest --test-dir "build/$preset" -j "$jobs" --output-on-failure --no-tests=error \
         --output-junit "$PWD/$junit" ${filter:+-R "$filter"} </dev/null 2>&1 | tee "$log" | show_tests
     counts=$(/usr/bin/python3 -B scripts/junit_counts.py "$junit")
-    read -r p f s <<<"$counts"
+    read -r p f s <<<"${counts%%$'\n'*}"
+    if [[ $counts == *$'\n'* ]]; then echo "${counts#*$'\n'}"; fi
     passed=$((passed + p))
     failed=$((failed + f))
     skipped=$((skipped + s))

@@ -1,4 +1,4 @@
-"""Reads ctest's JUnit file: prints the skipped tests with their reasons on standard error, and "PASSED FAILED SKIPPED"."""
+"""Reads ctest's JUnit file: prints "PASSED FAILED SKIPPED", then the skipped tests with their reasons."""
 
 import re
 import sys
@@ -18,14 +18,14 @@ def main():
     try:
         cases = list(tree.parse(sys.argv[1]).getroot().iter("testcase"))
     except (OSError, tree.ParseError) as error:
-        print("No test results: %s" % error, file=sys.stderr)
         print("0 1 0")
+        print("  No test results: %s" % error)
         return
     skipped = [case for case in cases if case.get("status") in ("notrun", "disabled")]
     failed = [case for case in cases if case.get("status") == "fail"]
-    for case in skipped:
-        print("  skipped  %s: %s" % (case.get("name"), reason(case)), file=sys.stderr)
     print(len(cases) - len(skipped) - len(failed), len(failed), len(skipped))
+    for case in skipped:
+        print("  skipped  %s: %s" % (case.get("name"), reason(case)))
 
 
 if __name__ == "__main__":
