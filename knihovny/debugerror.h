@@ -4,6 +4,7 @@
 // another thread never comes between.
 #pragma once
 
+#include <atomic>
 #include <charconv>
 #include <string>
 #include <string_view>
@@ -22,6 +23,10 @@ void DumpError(const char* message, int error);
 
 // Writes message to standard output exactly, no newline added.
 void DebugPrint(const char* message);
+
+// Switches additional output of the library, a bit a kind; 0 is silent. The program sets it to its own debug
+// level.
+extern std::atomic<int> debug_level;
 
 // Appends one part of a log line: texts as they are, integers in decimal, a bool as 0 or 1, a double or long
 // double with six significant digits ("%g").

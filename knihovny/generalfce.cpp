@@ -25,13 +25,6 @@ int64_t microseconds(const timeval& time) {
     return int64_t{time.tv_sec} * kMicrosecondsPerSecond + int64_t{time.tv_usec};
 }
 
-// Not the time of day: a clock that is set back must not lengthen a bounded wait.
-int64_t monotonicMicroseconds() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * kMicrosecondsPerSecond + now.tv_nsec / 1000;
-}
-
 // The value of a hexadecimal digit, -1 for any other byte.
 int hexDigit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -91,6 +84,12 @@ struct FileCloser {
 void MySleep(long seconds, long nanoseconds) {
     const timespec length{seconds, nanoseconds};
     nanosleep(&length, nullptr);
+}
+
+timeval MonotonicTime() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return {now.tv_sec, static_cast<suseconds_t>(now.tv_nsec / 1000)};
 }
 
 int TimevalMinus(timeval* result, timeval* a, timeval* b) {
@@ -187,7 +186,7 @@ void systemLogAndPrint(const char* identity, const char* message) {
     systemLog(identity, message);
 }
 
-void binTiskHex2(int length, const char* buffer) {
+std::string binHex2(int length, const char* buffer) {
     static constexpr char kDigits[] = "0123456789ABCDEF";
     std::string text;
     for (int i = 0; i < length; ++i) {
@@ -198,7 +197,11 @@ void binTiskHex2(int length, const char* buffer) {
             text += {' ', kDigits[byte >> 4], kDigits[byte & 15]};
         }
     }
-    PrintLine(text);
+    return text;
+}
+
+void binTiskHex2(int length, const char* buffer) {
+    PrintLine(binHex2(length, buffer));
 }
 
 int waitOnCondition(const bool* flag, pthread_cond_t* condition, pthread_mutex_t* mutex, int seconds) {
@@ -216,10 +219,11 @@ int waitOnCondition(const bool* flag, pthread_cond_t* condition, pthread_mutex_t
 
 int waitOnConditionSleep(const std::atomic<bool>* flag, int seconds, int milliseconds) {
     const int64_t limit = seconds * kMicrosecondsPerSecond + int64_t{milliseconds} * 1000;
-    const int64_t start = monotonicMicroseconds();
+    // Not the time of day: a clock that is set back must not lengthen the wait.
+    const int64_t start = microseconds(MonotonicTime());
     do {
         if (*flag) return 1;
         MySleep(0, kFlagLookNanoseconds);
-    } while (monotonicMicroseconds() - start <= limit);
+    } while (microseconds(MonotonicTime()) - start <= limit);
     return ETIMEDOUT;
 }

@@ -15,6 +15,9 @@
 // Sleeps once for the given seconds and nanoseconds. A signal ends the sleep early; it is not resumed.
 void MySleep(long seconds, long nanoseconds);
 
+// The time of a clock that is never set back: for measuring how long something took.
+timeval MonotonicTime();
+
 // Stores |a - b| in result and returns 1 when a is earlier than b, else 0.
 int TimevalMinus(timeval* result, timeval* a, timeval* b);
 
@@ -55,6 +58,9 @@ void systemLogAndPrint(const char* identity, const char* message);
 
 // Prints length bytes: printable ones (32 to 125) as they are, others as " %02X"; then one newline.
 void binTiskHex2(int length, const char* buffer);
+
+// That text, without the newline.
+std::string binHex2(int length, const char* buffer);
 
 // Waits until flag is true, at most the given seconds, on a condition variable whose broadcasts follow its
 // changes. Takes mutex for the wait. Returns 0 when the flag was found set, ETIMEDOUT or another error number

@@ -1,0 +1,17 @@
+#include "knihovny/error_repeats.h"
+
+#include "knihovny/generalfce.h"
+
+namespace {
+
+constexpr int64_t kPauseSeconds = 60;
+
+}  // namespace
+
+bool ErrorRepeats::due(int error) {
+    const int64_t now = MonotonicTime().tv_sec;
+    const auto [entry, first] = next_.try_emplace(error, now);
+    told_ = first || now >= entry->second;
+    if (told_) entry->second = now + kPauseSeconds;
+    return told_;
+}
