@@ -2,7 +2,6 @@
 
 import os
 import re
-import stat
 import time
 import unittest
 
@@ -16,19 +15,21 @@ def readable(seconds):
 
 
 class IntoTheMailbox(plant.PlantTest):
-    def start(self, **project):
+    def start(self, *alarms, **project):
+        """Starts the plant; the alarms are new at the daemon's first poll."""
         self.start_smtp()
         self.start_sim()
         self.configure()
         self.project(**project)
+        self.sim.coming(*alarms)
         self.daemon = self.start_daemon()
-        self.sim.wait_polls(1)
 
     def mails(self, count):
         return self.smtp.wait_mails(count, detail=self.daemon.out.text)
 
     def test_an_activation_reaches_the_mailbox_in_the_users_language(self):
         self.start()
+        self.sim.wait_polls(1)
         self.sim.alarm(12, value=1.5)
         (mail,) = self.mails(1)
         self.assertEqual(mail["From"], "alarms@plant.example")
@@ -48,8 +49,7 @@ class IntoTheMailbox(plant.PlantTest):
         return plant.json.loads(line)["moment"][0]
 
     def test_the_mail_is_one_html_part_for_the_standard_parser(self):
-        self.start()
-        self.sim.alarm(12)
+        self.start((12, "activated"))
         (mail,) = self.mails(1)
         self.assertEqual(mail.message.get_content_type(), "multipart/mixed")
         (part,) = mail.parts
@@ -60,11 +60,8 @@ class IntoTheMailbox(plant.PlantTest):
         self.assertTrue(mail.body.endswith("</TR>\n</table>\n</body>\n</html>\n"), mail.body[-100:])
 
     def test_each_state_makes_a_mail_with_its_word_times_and_values(self):
-        self.start()
-        self.sim.alarm(12, "activated", value=1.25)
-        self.sim.alarm(12, "acknowledged", value=2.5, user="novak")
-        self.sim.alarm(12, "deactivated", value=3.75)
-        self.sim.alarm(12, 8, user="novak")
+        self.start((12, "activated", {"value": 1.25}), (12, "acknowledged", {"value": 2.5, "user": "novak"}),
+                   (12, "deactivated", {"value": 3.75}), (12, 8, {"user": "novak"}))
         rows = [mail.row() for mail in self.mails(4)]
         self.assertEqual([row["STATUS"] for row in rows], ["Activate", "Acknowledge", "Deactivate", ""])
         self.assertEqual([row["MESSAGE"] for row in rows], ["Zpráva 12"] * 4)
@@ -77,9 +74,9 @@ class IntoTheMailbox(plant.PlantTest):
 
     def test_each_user_is_served_in_his_language_or_with_the_default_texts(self):
         languages = {"cs": "Zpráva 12", "de": "Meldung 12", "": "Message 12", "fr": "Message 12", "CS": "Message 12"}
-        self.start(users=[{"id": n, "level": 1, "name": "U%d" % n, "mail": "u%d@plant.example" % n, "language": language}
-                          for n, language in enumerate(languages)])
-        self.sim.alarm(12)
+        self.start((12, "activated"), users=[
+            {"id": n, "level": 1, "name": "U%d" % n, "mail": "u%d@plant.example" % n, "language": language}
+            for n, language in enumerate(languages)])
         mails = self.mails(len(languages))
         self.assertEqual([mail["To"] for mail in mails], ["u%d@plant.example" % n for n in range(len(languages))])
         self.assertEqual([mail.row()["MESSAGE"] for mail in mails], list(languages.values()))
@@ -89,9 +86,7 @@ class IntoTheMailbox(plant.PlantTest):
 
     def test_a_user_in_two_groups_of_the_alarm_gets_two_mails(self):
         user = plant.SMALL_USERS[0]
-        self.start(users=[user, dict(user, level=2)])
-        self.sim.alarm(12)
-        self.sim.alarm(13)
+        self.start((12, "activated"), (13, "activated"), users=[user, dict(user, level=2)])
         mails = self.mails(3)
         self.assertEqual([mail.row()["MESSAGE"] for mail in mails], ["Zpráva 12", "Zpráva 13", "Zpráva 13"])
         self.assertEqual({mail["To"] for mail in mails}, {"jan@plant.example"})
@@ -102,17 +97,12 @@ class IntoTheMailbox(plant.PlantTest):
 
     def test_groups_10_and_11_get_no_mail(self):
         definition = dict(plant.SMALL_CAS[0], group=[True] * 12)
-        self.start(cas=[definition], users=[{"id": g, "level": g, "name": "G%d" % g, "mail": "g%d@plant.example" % g}
-                                            for g in range(12)])
-        self.sim.alarm(12)
-        self.mails(10)
-        self.sim.alarm(12, "deactivated")
+        users = [{"id": g, "level": g, "name": "G%d" % g, "mail": "g%d@plant.example" % g} for g in range(12)]
+        self.start((12, "activated"), (12, "deactivated"), cas=[definition], users=users)
         self.assertEqual([mail["To"] for mail in self.mails(20)], ["g%d@plant.example" % g for g in range(10)] * 2)
 
     def test_alarms_without_the_mail_flag_or_a_definition_make_no_mail(self):
-        self.start()
-        for number in (14, 99, 12):
-            self.sim.alarm(number)
+        self.start((14, "activated"), (99, "activated"), (12, "activated"))
         (mail,) = self.mails(1)
         self.assertEqual(mail.row()["MESSAGE"], "Zpráva 12")
         self.assertEqual(self.daemon.out.count("::-> Saving MAIL into fronta_mail"), 1)
@@ -120,21 +110,21 @@ class IntoTheMailbox(plant.PlantTest):
 
     def test_texts_that_mean_something_to_a_shell_arrive_as_they_are(self):
         evil = "$(touch %s) `id` \"quoted\" 'single' \\back %%s ; | > x" % self.path("touched")
-        self.start(cas=[dict(plant.SMALL_CAS[0], message=evil, messageLangs={})])
-        self.sim.alarm(12)
+        self.start((12, "activated"), cas=[dict(plant.SMALL_CAS[0], message=evil, messageLangs={})])
         (mail,) = self.mails(1)
         self.assertEqual(mail.row()["MESSAGE"], evil)
         self.assertFalse(os.path.exists(self.path("touched")))
 
     def test_a_user_without_an_address_does_not_keep_the_others_from_their_mail(self):
-        self.start(users=[{"id": 1, "level": 1, "name": "Phone", "tel": "+420601000001"}, *plant.SMALL_USERS])
-        self.sim.alarm(12)
+        phone = {"id": 1, "level": 1, "name": "Phone", "tel": "+420601000001"}
+        self.start((12, "activated"), users=[phone, *plant.SMALL_USERS])
         (mail,) = self.mails(1)
         self.assertEqual(mail["To"], "jan@plant.example")
         self.assertEqual(self.daemon.err.count(plant.holding(plant.CLIENT_PATH, "status")), 1)
 
     def test_alarms_during_an_outage_of_the_server_are_mailed_when_it_is_back(self):
         self.start()
+        self.sim.wait_polls(1)
         self.sim.command(server="away")
         self.sim.alarm(12)
         self.daemon.err.wait(plant.starting("curl_easy_perform() failed: "))
@@ -146,11 +136,10 @@ class IntoTheMailbox(plant.PlantTest):
         self.start_smtp()
         self.start_sim()
         self.sim.alarm(12, ago=60)
+        self.sim.coming((13, "activated"))
         self.configure()
         self.project()
         self.daemon = self.start_daemon()
-        self.sim.wait_polls(1)
-        self.sim.alarm(13)
         self.assertEqual(self.mails(1)[0].row()["MESSAGE"], "Zpráva 13")
         self.assertEqual(self.daemon.out.count("id: 12"), 0)
 
@@ -158,9 +147,8 @@ class IntoTheMailbox(plant.PlantTest):
         self.start_smtp()
         self.start_sim(project="1")
         self.configure(pFolder=plant.EXAMPLES)
+        self.sim.coming((501, "activated"))
         self.daemon = self.start_daemon()
-        self.sim.wait_polls(1)
-        self.sim.alarm(501)
         mails = self.mails(5)
         self.assertEqual([(mail["To"].split("@")[0], mail.row()["MESSAGE"]) for mail in mails],
                          [("jana.novakova", "Únik plynu, 2. stupeň"), ("peter.hoffmann", "Gasaustritt, Stufe 2"),
@@ -171,9 +159,8 @@ class IntoTheMailbox(plant.PlantTest):
         self.start_smtp()
         self.start_sim(project="1")
         self.configure(pFolder=os.path.join(plant.EXAMPLES, "csv"))
+        self.sim.coming((101, "activated"))
         self.daemon = self.start_daemon()
-        self.sim.wait_polls(1)
-        self.sim.alarm(101)
         self.daemon.out.wait("::-> Saving MAIL into fronta_mail")
         self.daemon.out.wait(plant.holding("-->Thread mail (queue:1)"))
         self.daemon.out.wait(plant.holding("-->Thread mail (queue:0)"),
@@ -185,18 +172,18 @@ class IntoTheMailbox(plant.PlantTest):
 class TheClient(plant.PlantTest):
     """The mail client as the daemon runs it: its arguments, its input, and what becomes of one that fails."""
 
-    def start(self, script="", client=True, **project):
+    def start(self, *alarms, script="", client=True, **project):
+        """Starts the plant; the alarms are new at the daemon's first poll."""
         if client:
             self.fake_client(script)
         self.start_sim()
         self.configure()
         self.project(**project)
+        self.sim.coming(*alarms)
         self.daemon = self.start_daemon()
-        self.sim.wait_polls(1)
 
     def test_arguments_and_input_are_exact(self):
-        self.start()
-        self.sim.alarm(12)
+        self.start((12, "activated"))
         self.client.wait_runs(1)
         self.assertEqual(self.client.arguments(), ["-C", "msmtp.conf", "-a", "korvato", "-t"])
         message = self.client.input().decode()
@@ -212,75 +199,62 @@ class TheClient(plant.PlantTest):
                       self.daemon.out.text())
 
     def test_the_boundaries_of_two_mails_differ_and_those_of_two_starts_are_the_same(self):
-        def boundaries():
-            first = self.client.runs()
-            self.sim.alarm(12)
-            self.sim.alarm(12, "deactivated")
+        def boundaries(first):
             self.client.wait_runs(first + 2)
             return [re.search(rb'boundary="(.*)"', self.client.input(first + n)).group(1) for n in range(2)]
 
-        self.start()
-        one, two = boundaries()
+        two_changes = (12, "activated"), (12, "deactivated")
+        self.start(*two_changes)
+        one, two = boundaries(0)
         self.assertNotEqual(one, two)
         self.assertEqual(self.daemon.stop()[0], 0)
+        self.sim.command(clear="history")
+        self.sim.coming(*two_changes)
         self.daemon = self.start_daemon()
-        self.sim.wait_polls(1)
-        self.assertEqual(boundaries(), [one, two])
+        self.assertEqual(boundaries(2), [one, two])
 
     def test_an_address_with_line_breaks_adds_no_header_line(self):
         address = "jan@plant.example\r\nBcc: evil@plant.example\nX-Evil: 1"
-        self.start(users=[dict(plant.SMALL_USERS[0], mail=address)])
-        self.sim.alarm(12)
+        self.start((12, "activated"), users=[dict(plant.SMALL_USERS[0], mail=address)])
         self.client.wait_runs(1)
         head = self.client.input().decode().partition("\n--_")[0]
         self.assertEqual([line.partition(":")[0] for line in re.split("[\r\n]+", head)], KNOWN_HEADERS)
 
     def test_a_missing_client_is_told_in_one_line_and_the_daemon_goes_on(self):
-        self.start(client=False)
-        self.sim.alarm(12)
+        self.start((12, "activated"), client=False)
         self.daemon.err.wait(plant.holding(self.path(plant.CLIENT_PATH)))
         self.daemon.out.wait("-> Odeslan")
         self.sim.wait_polls(1)
         self.assertEqual(len(self.daemon.err.texts()), 1, self.daemon.err.text())
 
     def test_a_client_that_is_no_program_is_told_in_one_line(self):
-        self.start()
-        os.chmod(self.path(plant.CLIENT_PATH), stat.S_IRUSR)
-        self.sim.alarm(12)
+        self.write(plant.CLIENT_PATH, "no program\n")
+        self.start((12, "activated"), client=False)
         self.daemon.err.wait(plant.holding(self.path(plant.CLIENT_PATH)))
         self.sim.wait_polls(1)
         self.assertEqual(len(self.daemon.err.texts()), 1, self.daemon.err.text())
 
     def test_a_failing_client_is_told_with_its_status_and_the_next_mail_goes_out(self):
-        self.start("exit 75\n")
-        self.sim.alarm(12)
-        self.daemon.err.wait(plant.holding(self.path(plant.CLIENT_PATH), "75"))
-        self.sim.alarm(12, "deactivated")
+        self.start((12, "activated"), (12, "deactivated"), script="exit 75\n")
         self.client.wait_runs(2)
-        self.daemon.err.wait(plant.holding("75"), count=2)
+        self.daemon.err.wait(plant.holding(self.path(plant.CLIENT_PATH), "75"), count=2)
         self.assertEqual(len(self.daemon.err.texts()), 2, self.daemon.err.text())
 
     def test_a_client_that_does_not_read_its_input_harms_nothing(self):
-        script = self.path(plant.CLIENT_PATH)
-        self.start()
-        with open(script, "w") as file:
-            file.write("#!/bin/sh\necho ran >>%s\nexit 1\n" % self.path("ran"))
-        self.sim.alarm(12)
-        self.sim.alarm(12, "deactivated")
+        os.chmod(self.write(plant.CLIENT_PATH, "#!/bin/sh\necho ran >>%s\nexit 1\n" % self.path("ran")), 0o755)
+        self.start((12, "activated"), (12, "deactivated"), client=False)
         self.daemon.out.wait("-> Odeslan", count=2)
         with open(self.path("ran")) as file:
             self.assertEqual(file.read(), "ran\nran\n")
 
     def test_a_hanging_client_does_not_hold_up_the_polls(self):
-        self.start("exec sleep 1000\n")
-        self.sim.alarm(12)
+        self.start((12, "activated"), script="exec sleep 1000\n")
         self.client.wait_runs(1)
         self.sim.wait_polls(2)
         self.assertEqual(self.daemon.out.count("-> Odeslan"), 0)
 
     def test_a_hanging_client_is_ended_with_the_daemon(self):
-        self.start("echo $$ >%s\nexec sleep 1000\n" % self.path("client.pid"))
-        self.sim.alarm(12)
+        self.start((12, "activated"), script="echo $$ >%s\nexec sleep 1000\n" % self.path("client.pid"))
         plant.wait_for(lambda: os.path.exists(self.path("client.pid")), "the client")
         status, _ = self.daemon.stop()
         self.assertEqual(status, 0)
@@ -291,14 +265,12 @@ class TheClient(plant.PlantTest):
     def test_an_unreachable_mail_server_is_told_and_the_daemon_goes_on(self):
         os.makedirs(os.path.dirname(self.path(plant.CLIENT_PATH)))
         os.symlink(plant.MSMTP, self.path(plant.CLIENT_PATH))
-        self.start(client=False)  # msmtp.conf names a port where nobody listens
-        self.sim.alarm(12)
+        self.start((12, "activated"), client=False)  # msmtp.conf names a port where nobody listens
         self.daemon.err.wait(plant.holding(self.path(plant.CLIENT_PATH), "status"))
         self.sim.wait_polls(1)
 
     def test_a_row_is_cut_at_998_bytes(self):
-        self.start(cas=[dict(plant.SMALL_CAS[0], message="x" * 3000, messageLangs={})])
-        self.sim.alarm(12)
+        self.start((12, "activated"), cas=[dict(plant.SMALL_CAS[0], message="x" * 3000, messageLangs={})])
         self.client.wait_runs(1)
         message = self.client.input().decode()
         row = message[message.index("<TR><TD>xxx"):]
@@ -306,10 +278,10 @@ class TheClient(plant.PlantTest):
 
     @unittest.skipUnless(os.path.exists("/proc/self/fd"), "there is no /proc")
     def test_the_client_inherits_no_descriptors(self):
-        self.start("ls -l /proc/self/fd >%s.new && mv %s.new %s\n" % ((self.path("fds"),) * 3))
-        self.sim.alarm(12)
+        fds = self.path("fds")
+        self.start((12, "activated"), script="ls -l /proc/self/fd >%s.new && mv %s.new %s\n" % (fds, fds, fds))
         plant.wait_for(lambda: os.path.exists(self.path("fds")), "the client")
-        with open(self.path("fds")) as file:
+        with open(fds) as file:
             self.assertNotIn("socket:", file.read())
 
 

@@ -241,6 +241,13 @@ class ServerSim(Process):
     def alarm(self, number, state="activated", **more):
         return self.command(alarm=number, state=state, **more)
 
+    def coming(self, *alarms):
+        """Changes of alarms, each (id, state) or (id, state, members), a little ahead of the clock: for a daemon that
+        is started next they are new at its first poll."""
+        moment = int(time.time()) + 3
+        for micro, (number, state, *more) in enumerate(alarms):
+            self.alarm(number, state, time=[moment, micro], **(more[0] if more else {}))
+
     def polls(self):
         return self.command(query="polls")["polls"]
 
