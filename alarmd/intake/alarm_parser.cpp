@@ -2,7 +2,9 @@
 
 #include <json/value.h>
 
+#include <cstring>
 #include <string>
+#include <string_view>
 
 #include "alarmd/alarmd.h"
 #include "alarmd/fatal.h"
@@ -71,7 +73,7 @@ const TimeTriple* eventTime() {
 }
 
 void appendTime(std::string& log, const char* name, const TimeTriple& time) {
-    AppendLine(log, name, time[0], '.', time[1], '(', static_cast<long double>(instant(time)), ')');
+    AppendLine(log, name, time[0], '.', time[1], '(', instant(time), ')');
 }
 
 void appendAlarm(std::string& log) {
@@ -91,12 +93,13 @@ void appendAlarm(std::string& log) {
     AppendLine(log, "--------------------------------------------");
 }
 
-// Queues and prints the alarm in alarm_tag when its state is newer than the start point.
-void takeIfNew() {
+// Queues and prints the alarm in alarm_tag when its state is newer than the start point. log is room that
+// serves for all entries of an answer: one for each would have the allocator tidy up among the parsed values
+// every time.
+void takeIfNew(std::string& log) {
     const TimeTriple* time = eventTime();
     if (!time || !(instant(*time) > instant(last_timestamp, last_timestamp_ms))) return;
-    std::string log;
-    log.reserve(600);
+    log.clear();
     uloz_alarm(alarm_tag.stat, log);
     appendAlarm(log);
     Print(log);
@@ -112,37 +115,54 @@ void moveStartPoint() {
 
 const Json::Value& entriesOf(const Json::Value& answer) {
     try {
-        return answer["d"];
+        const Json::Value& entries = answer["d"];
+        // Members of an object are no entries: taking one by its position fails.
+        if (entries.isObject() && !entries.empty()) return entries[0U];
+        return entries;
     } catch (const Json::Exception& error) {
         endOnWrongShape("the whole", error);
     }
 }
 
-void readEntryAt(const Json::Value& entries, Json::ArrayIndex i) {
+void tryReadEntry(const Json::Value& entry, Json::ArrayIndex i) {
     try {
-        readEntry(entries[i]);
+        readEntry(entry);
     } catch (const Json::Exception& error) {
         endOnWrongShape("entry " + std::to_string(i), error);
     }
 }
 
+// The text as it is, printed on its way: a large answer is copied once.
+std::string printedAnswer(const char* text) {
+    constexpr std::string_view kLabel = "JSON : ";
+    const size_t length = strlen(text);
+    std::string line;
+    line.reserve(kLabel.size() + length + 1);
+    line.append(kLabel).append(text, length).append(1, '\n');
+    Print(line);
+    line.erase(0, kLabel.size());
+    line.pop_back();
+    return line;
+}
+
 }  // namespace
 
 void json_parse(const char* text) {
-    const std::string answer_text = text;
-    PrintLine("JSON : ", answer_text);
     Json::Value answer;
     std::string errors;
-    if (!parseJson(answer_text, answer, errors)) {
+    if (!parseJson(printedAnswer(text), answer, errors)) {
         PrintLine("Failed to parse JSON\n", errors);
         return;
     }
     const Json::Value& entries = entriesOf(answer);
     const Json::ArrayIndex size = entries.size();
-    for (Json::ArrayIndex i = 0; i < size; i++) {
-        readEntryAt(entries, i);
+    std::string log;
+    Json::ArrayIndex i = 0;
+    // Going from entry to entry is cheaper than looking each one up by its index.
+    for (const Json::Value& entry : entries) {
+        tryReadEntry(entry, i);
         copyDefinitionTexts();
-        takeIfNew();
-        if (i == size - 1) moveStartPoint();
+        takeIfNew(log);
+        if (++i == size) moveStartPoint();
     }
 }

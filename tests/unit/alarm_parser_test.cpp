@@ -360,7 +360,7 @@ TEST_F(AlarmParserDeathTest, AnEntryThatIsNoObjectEndsTheProcess) {
 
 TEST_F(AlarmParserDeathTest, AnObjectOfEntriesEndsTheProcess) {
     expectEnd("{\"d\":{\"0\":{}}}",
-              "entry 0: in Json::Value::operator[](ArrayIndex)const: requires arrayValue");
+              "the whole: in Json::Value::operator[](ArrayIndex)const: requires arrayValue");
 }
 
 TEST_F(AlarmParserDeathTest, AMemberThatDoesNotConvertEndsTheProcess) {
