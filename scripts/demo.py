@@ -466,7 +466,7 @@ class Demo:
         screen.line("  sent       %3d mails handed to the mail client%s" % (
             self.sent, ", %d of them for users without an address" % self.without_address if self.without_address else ""))
         screen.line("  delivered  %3d mails of %d that should arrive" % (arrived, due))
-        screen.line("  files          out/mails/  out/alarmd.log  out/server.log  out/plant/ (configuration and project)")
+        screen.line("  files      out/mails/  out/alarmd.log  out/server.log  out/plant/ (configuration and project)")
         for failure in self.failures:
             screen.line("  " + failure, COLOURS["error"])
         screen.line("All that should arrive has arrived." if not self.failures else "Not all is as it should be.",
