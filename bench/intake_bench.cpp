@@ -66,7 +66,7 @@ void parseAnswer(benchmark::State& state) {
     define(entries);
     double bare = 0;
     double all = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         forget();
         {
             Json::Value root;

@@ -17,7 +17,7 @@ constexpr long kTransferSeconds = 60;
 constexpr long kMostRedirects = 20;
 
 // Far above an answer of the most entries that are asked for (some 3 MB). What lies beyond is no answer.
-constexpr size_t kMostBody = 64 * 1024 * 1024;
+constexpr size_t kMostBody = size_t{64} << 20;
 
 CURL* curl = nullptr;
 CURLcode curl_res = CURLE_OK;
@@ -56,11 +56,7 @@ std::string takePendingLine() {
 }
 
 void printRequest() {
-    const time_t start = last_timestamp;
-    tm utc;
-    char text[32];
-    const char* readable = gmtime_r(&start, &utc) ? asctime_r(&utc, text) : nullptr;
-    PrintLine("CURL request historead...\n", dotaz, "   ---   ", readable ? readable : "\n");
+    PrintLine("CURL request historead...\n", dotaz, "   ---   ", startPointText());
 }
 
 void handleFailure() {
@@ -97,6 +93,13 @@ std::string historyRequest() {
     snprintf(body, sizeof body, "t=30&prj=%s&start=%ld.%ld&limit=10000", project.c_str(),
              static_cast<long>(last_timestamp), static_cast<long>(last_timestamp_ms));
     return body;
+}
+
+std::string startPointText() {
+    const time_t start = last_timestamp;
+    tm utc;
+    char text[32];
+    return gmtime_r(&start, &utc) && asctime_r(&utc, text) ? text : "\n";
 }
 
 void openHistory() {

@@ -18,6 +18,9 @@ void closeHistory();
 // The request's body for the present start point, at most 999 characters.
 std::string historyRequest();
 
+// The whole seconds of the present start point as asctime writes them, in UTC, closed by a newline. Any thread.
+std::string startPointText();
+
 // libcurl write callback: appends the chunk up to its first zero byte to target (a std::string); returns size
 // * count.
 size_t curl_write_to_string2(void* data, size_t size, size_t count, void* target);

@@ -21,7 +21,7 @@ using sim::Behaviour;
 using States = std::vector<std::pair<int, int>>;
 
 constexpr char kEmptyAnswer[] = "{\"d\":[]}";
-constexpr size_t kMostBody = 64 * 1024 * 1024;
+constexpr size_t kMostBody = size_t{64} << 20;
 
 // ---------------------------------------------------------------------------------------------------------------
 // The request and the write callback

@@ -40,6 +40,7 @@ class NotificationQueues : public IntakeFixture {
 
     static std::vector<int> waitingIds() {
         std::vector<int> ids;
+        ids.reserve(wait_for_ack.size());
         for (const _alarm_tag& tag : wait_for_ack) ids.push_back(tag.id);
         return ids;
     }
