@@ -73,14 +73,14 @@ std::string Program::help() const {
 bool Program::needsValue(const std::string& name) const {
     return name == "scenario" ||
            std::any_of(options_.begin(), options_.end(),
-                       [&](const ProgramOption& option) { return name == option.name; });
+                       [&](const ProgramOption& option) { return option.value && name == option.name; });
 }
 
 // Returns what is wrong.
 std::string Program::takeOption(const std::string& name, const std::optional<std::string>& value) {
     if (needsValue(name) != value.has_value()) return value ? "takes no value" : "needs a value";
     for (const ProgramOption& option : options_) {
-        if (name == option.name) return option.take(*value);
+        if (name == option.name) return option.take(value.value_or(""));
     }
     if (name == "scenario") {
         try {

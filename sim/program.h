@@ -12,11 +12,11 @@
 
 namespace sim {
 
-// An option of one program. The value is handed over as it stands on the command line; what is returned is
-// what is wrong with it, empty when nothing is.
+// An option of one program. The value is handed over as it stands on the command line, empty for an option
+// without one; what is returned is what is wrong with it, empty when nothing is.
 struct ProgramOption {
     const char* name;   // without the dashes
-    const char* value;  // its name in the help text
+    const char* value;  // its name in the help text; null: an option without a value
     const char* help;
     std::function<std::string(const std::string&)> take;
 };

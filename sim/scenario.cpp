@@ -10,6 +10,7 @@
 #include <memory>
 #include <sstream>
 
+#include "sim/at_modem.h"
 #include "sim/korvato_server.h"
 
 namespace sim {
@@ -75,18 +76,59 @@ std::string checkTcp(const Json::Value& event) {
     return tcpMode(event["tcp"].asString(), mode) ? "" : unknownWord("tcp", event["tcp"].asString(), kKnown);
 }
 
+template <class Words>
+std::string checkWord(const Json::Value& event, const char* key, const Words& known) {
+    const std::string word = event[key].asString();
+    const bool found = std::find(std::begin(known), std::end(known), word) != std::end(known);
+    return found ? "" : unknownWord(key, word, known);
+}
+
 std::string checkQuery(const Json::Value& event) {
-    static constexpr const char* kKnown[] = {"polls", "acks", "state"};
-    const std::string word = event["query"].asString();
-    const bool known = std::find(std::begin(kKnown), std::end(kKnown), word) != std::end(kKnown);
-    return known ? "" : unknownWord("query", word, kKnown);
+    static constexpr const char* kKnown[] = {"polls", "acks", "line", "sms", "store", "state"};
+    return checkWord(event, "query", kKnown);
 }
 
 std::string checkClear(const Json::Value& event) {
-    static constexpr const char* kKnown[] = {"requests", "history"};
-    const std::string word = event["clear"].asString();
-    const bool known = std::find(std::begin(kKnown), std::end(kKnown), word) != std::end(kKnown);
-    return known ? "" : unknownWord("clear", word, kKnown);
+    static constexpr const char* kKnown[] = {"requests", "history", "line", "sms"};
+    return checkWord(event, "clear", kKnown);
+}
+
+std::string checkPhone(const Json::Value& event) {
+    const bool calls = event.isMember("calls") && event["calls"].asBool();
+    const int things = event.isMember("sends") + event.isMember("answers") + calls;
+    return things == 1 ? "" : "one of \"sends\", \"answers\" and \"calls\": true is needed";
+}
+
+std::string checkNetwork(const Json::Value& event) {
+    static constexpr const char* kKnown[] = {"normal", "back", "away", "refuses", "slow"};
+    const std::string word = event["network"].asString();
+    if (word == "refuses" && event["count"].asInt() < 1) return "\"count\" is missing or below 1";
+    if (word == "slow" && !event.isMember("seconds")) return "\"seconds\" is missing";
+    return checkWord(event, "network", kKnown);
+}
+
+std::string checkModem(const Json::Value& event) {
+    static constexpr struct {
+        const char* word;
+        const char* needs;
+    } kNeeds[] = {
+        {"slow", "seconds"}, {"chatter", "seconds"}, {"noise", "count"}, {"line", "text"}, {"reply", "to"}};
+    static constexpr const char* kKnown[] = {"unplug", "plug",  "restart", "mute",  "deaf",
+                                             "normal", "slow",  "chatter", "noise", "says",
+                                             "line",   "reply", "model",   "sim",   "no sim"};
+    const std::string word = event["modem"].asString();
+    for (const auto& entry : kNeeds) {
+        if (word == entry.word && !event.isMember(entry.needs))
+            return std::string("\"") + entry.needs + "\" is missing";
+    }
+    if ((word == "says" || word == "reply") && !event.isMember("text") && !event.isMember("hex")) {
+        return "\"text\" or \"hex\" is missing";
+    }
+    if (word == "model" && !findModel(event["name"].asString())) {
+        return "\"name\": \"" + event["name"].asString() + "\" is no known model";
+    }
+    const std::string reason = checkBody(event);
+    return reason.empty() ? checkWord(event, "modem", kKnown) : reason;
 }
 
 using enum MemberType;
@@ -193,6 +235,36 @@ const std::vector<EventKind>& eventKinds() {
         {"tcp", kText, true, {}, checkTcp},
         {"push", kText, true, {{"newline", kFlag}, {"repeat", kInteger}}, checkBody},
         {"greet", kText, true, {{"newline", kFlag}, {"repeat", kInteger}}, checkBody},
+        // The modem, its network and the phones in it
+        {"phone",
+         kText,
+         true,
+         {{"sends", kText},
+          {"name", kText},
+          {"stamp", kText},
+          {"answers", kText},
+          {"after", kDuration},
+          {"calls", kFlag}},
+         checkPhone},
+        {"network",
+         kText,
+         true,
+         {{"count", kInteger}, {"code", kInteger}, {"seconds", kDuration}},
+         checkNetwork},
+        {"modem",
+         kText,
+         true,
+         {{"after", kText},
+          {"seconds", kDuration},
+          {"count", kInteger},
+          {"text", kText},
+          {"hex", kText},
+          {"to", kText},
+          {"times", kInteger},
+          {"name", kText},
+          {"pin", kText}},
+         checkModem},
+        // All
         {"query", kText, false, {}, checkQuery},
         {"clear", kText, true, {}, checkClear},
     };
@@ -283,6 +355,14 @@ Scenario loadScenario(const std::string& path) {
         throw ScenarioError(path + ": " + (errno != 0 ? strerror(errno) : "it is empty"));
     }
     return parseScenario(text.str(), path);
+}
+
+std::string bytesOfHex(const std::string& hex) {
+    std::string bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    }
+    return bytes;
 }
 
 // ---------------------------------------------------------------------------------------------------------------

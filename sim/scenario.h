@@ -75,6 +75,9 @@ struct ScenarioError : std::runtime_error {
 Scenario parseScenario(const std::string& text, const std::string& name);
 Scenario loadScenario(const std::string& path);
 
+// The bytes of pairs of hexadecimal digits, which were checked to be such.
+std::string bytesOfHex(const std::string& hex);
+
 // Carries out events. For one thread.
 class Dispatcher {
   public:

@@ -1,5 +1,6 @@
 #include "sim/server_events.h"
 
+#include <stdexcept>
 #include <string>
 
 namespace sim {
@@ -32,14 +33,6 @@ Json::Value alarm(KorvatoServer& server, const Json::Value& event) {
     return {};
 }
 
-std::string unhex(const std::string& hex) {
-    std::string bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    }
-    return bytes;
-}
-
 std::string repeated(const std::string& text, int times) {
     std::string all;
     all.reserve(text.size() * static_cast<size_t>(times));
@@ -54,7 +47,8 @@ Json::Value behave(KorvatoServer& server, const Json::Value& event) {
         behaviour.body = event["raw"].asString();
     } else {
         behaviourMode(event["server"].asString(), behaviour.mode);
-        behaviour.body = event.isMember("hex") ? unhex(event["hex"].asString()) : event["body"].asString();
+        behaviour.body =
+            event.isMember("hex") ? bytesOfHex(event["hex"].asString()) : event["body"].asString();
     }
     behaviour.body = repeated(behaviour.body, event.get("repeat", 1).asInt());
     behaviour.seconds = event["seconds"].asDouble();
@@ -87,6 +81,9 @@ Json::Value greet(KorvatoServer& server, const Json::Value& event) {
 Json::Value query(KorvatoServer& server, const Json::Value& event) {
     Json::Value answer;
     const std::string word = event["query"].asString();
+    if (word != "polls" && word != "acks" && word != "state") {
+        throw std::runtime_error("\"query\": \"" + word + "\" is not for this program");
+    }
     if (word == "polls") {
         answer["polls"] = Json::arrayValue;
         for (const PollRecord& poll : server.polls()) answer["polls"].append(pollJson(poll));
@@ -103,10 +100,13 @@ Json::Value query(KorvatoServer& server, const Json::Value& event) {
 }
 
 Json::Value clear(KorvatoServer& server, const Json::Value& event) {
-    if (event["clear"].asString() == "history") {
+    const std::string word = event["clear"].asString();
+    if (word == "history") {
         server.history().clear();
-    } else {
+    } else if (word == "requests") {
         server.forgetRequests();
+    } else {
+        throw std::runtime_error("\"clear\": \"" + word + "\" is not for this program");
     }
     return {};
 }
