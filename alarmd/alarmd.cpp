@@ -50,7 +50,8 @@ std::string modemPort = "/dev/ttyModem2";
 std::string pin;
 std::string smsc;
 std::string projectID;
-std::atomic<int> modem_speed{115200}, modem_parity{1}, modem_stopbit{1}, modem_databit{8}, modem_flow{2}, modem_xflow{2};
+std::atomic<int> modem_speed{115200}, modem_parity{1}, modem_stopbit{1}, modem_databit{8}, modem_flow{2},
+    modem_xflow{2};
 std::atomic<bool> usePin{false};
 std::atomic<int> smspeermin{10};
 std::string modem_parity_str, modem_flow_str, modem_xflow_str;
@@ -83,3 +84,6 @@ int64_t last_timestamp_ms = 0;
 
 Mutex data_rcv_mutex;
 std::string data_rcv;
+
+Mutex last_sms_mutex;
+_last_sms last_sms;

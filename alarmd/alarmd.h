@@ -1,6 +1,7 @@
 // The chief header: the daemon's records and its shared state.
 //
-// All process-wide state is declared here, each item with who writes it, who reads it and what guards it. Threads:
+// All process-wide state is declared here, each item with who writes it, who reads it and what guards it.
+// Threads:
 //   main      start-up, then the main loop (poll, parse, queue, resend walk)
 //   mail      vlakno_m, drains fronta_mail
 //   SMS       vlakno_s, drains fronta_sms and fronta_sms_raw, the only one to talk to the modem
@@ -8,8 +9,8 @@
 //   readers   one for each serial channel and for the TCP client
 // "Set at start-up" means: written by main before any other thread exists, constant afterwards.
 //
-// Lock order: no function takes a second of these mutexes while it holds one. None is held while sleeping, writing to
-// a device, running a child or waiting for the network.
+// Lock order: no function takes a second of these mutexes while it holds one. None is held while sleeping,
+// writing to a device, running a child or waiting for the network.
 #pragma once
 
 #include <atomic>
@@ -164,12 +165,12 @@ extern std::atomic<int> vlakno_sms;             // 1 while the SMS thread works
 // Settings.
 
 // Constant in a running daemon; tests change them before they start threads.
-extern bool sms;             // SMS facility
-extern bool use_msmtp;       // mail delivery
-extern int dbglev;           // debug output level
-extern int testing_sms;      // not 0: SMS are composed and not sent
-extern int testing_email;    // not 0: mails are composed and not sent
-extern int ALARM_TIMEOUT;    // seconds; an alarm of that age is no longer notified
+extern bool sms;           // SMS facility
+extern bool use_msmtp;     // mail delivery
+extern int dbglev;         // debug output level
+extern int testing_sms;    // not 0: SMS are composed and not sent
+extern int testing_email;  // not 0: mails are composed and not sent
+extern int ALARM_TIMEOUT;  // seconds; an alarm of that age is no longer notified
 extern std::string color_mail, color_sms, color_warn, color_modem, color_off;
 
 // Set at start-up, from the command line.
@@ -205,8 +206,8 @@ extern std::string pin GUARDED_BY(settings_mutex);
 extern std::string smsc GUARDED_BY(settings_mutex);
 extern std::string projectID GUARDED_BY(settings_mutex);  // also read by main's poll
 extern std::atomic<int> modem_speed, modem_parity, modem_stopbit, modem_databit, modem_flow, modem_xflow;
-extern std::atomic<bool> usePin;      // not read
-extern std::atomic<int> smspeermin;   // SMS a minute
+extern std::atomic<bool> usePin;                                       // not read
+extern std::atomic<int> smspeermin;                                    // SMS a minute
 extern std::string modem_parity_str, modem_flow_str, modem_xflow_str;  // always empty
 
 // Main thread only.
@@ -217,8 +218,8 @@ extern int resend_max_quantity;    // always 0
 extern int resend_actual_timeout;  // seconds
 
 // ---------------------------------------------------------------------------------------------------------------
-// Project data. Written by main's loaders; read by the mail, SMS and request threads. A look-up by subscript inserts
-// an empty definition: see alarm_definitions.h.
+// Project data. Written by main's loaders; read by the mail, SMS and request threads. A look-up by subscript
+// inserts an empty definition: see alarm_definitions.h.
 
 constexpr int kGroups = 12;
 constexpr int kNotifiedGroups = 10;  // groups 10 and 11 are never notified
@@ -240,12 +241,16 @@ extern Fronta<_alarm_tag> fronta_sms;
 extern Fronta<_sms_raw> fronta_sms_raw;
 
 // Main thread only.
-extern _alarm_tag alarm_tag;                 // working record of the parser
+extern _alarm_tag alarm_tag;                  // working record of the parser
 extern std::vector<_alarm_tag> wait_for_ack;  // in insertion order
-extern int64_t last_resend;                  // time of the last resend walk, seconds
-extern std::atomic<int64_t> last_timestamp;  // poll start point, seconds; the SMS thread prints it
-extern int64_t last_timestamp_ms;            // its sub-second part, microseconds
+extern int64_t last_resend;                   // time of the last resend walk, seconds
+extern std::atomic<int64_t> last_timestamp;   // poll start point, seconds; the SMS thread prints it
+extern int64_t last_timestamp_ms;             // its sub-second part, microseconds
 
 // The last complete line from tcps: written by its reading thread, taken by main.
 extern Mutex data_rcv_mutex;
 extern std::string data_rcv GUARDED_BY(data_rcv_mutex);
+
+// The last received SMS: written by the SMS thread, read by the request threads.
+extern Mutex last_sms_mutex;
+extern _last_sms last_sms GUARDED_BY(last_sms_mutex);

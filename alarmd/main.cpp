@@ -10,11 +10,14 @@
 #include "alarmd/command_line.h"
 #include "alarmd/intake/history_poll.h"
 #include "alarmd/intake/notification_queues.h"
+#include "alarmd/intake/server_line.h"
 #include "alarmd/mail/mail.h"
 #include "alarmd/mail/mail_thread.h"
 #include "alarmd/settings/config.h"
 #include "alarmd/settings/modem_settings.h"
 #include "alarmd/signals.h"
+#include "alarmd/sms/sms_thread.h"
+#include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
 namespace {
@@ -23,9 +26,11 @@ constexpr unsigned kLoopPauseSeconds = 5;
 constexpr int kResendIntervalSeconds = 5;
 constexpr long kSettleNanoseconds = 50000000;
 
-std::unique_ptr<MyThread> th;
+std::unique_ptr<MyThread> th;    // mail
+std::unique_ptr<MyThread2> th2;  // SMS
 
-// A descriptor 0, 1 or 2 that is closed would be taken by the next file or socket, and the log would go into it.
+// A descriptor 0, 1 or 2 that is closed would be taken by the next file or socket, and the log would go into
+// it.
 void openStandardDescriptors() {
     int fd;
     do {
@@ -39,6 +44,21 @@ void startWorkers() {
     th = std::make_unique<MyThread>();
     th->NastavUkonceni(&konec);
     th->Start(0);
+    if (!sms) return;
+    th2 = std::make_unique<MyThread2>();
+    th2->NastavUkonceni(&konec);
+    th2->Start(0);
+}
+
+// The client connects when an acknowledge is to be sent.
+void setUpServerLine() {
+    tcps.Init(ip_stack, port_stack);
+    tcps.SetConnectFailSleep(timeconnect);
+}
+
+void stopServerLine(MyTcpClient& client) {
+    client.NastavUkonceni(true);
+    client.Stop();
 }
 
 void start() {
@@ -47,6 +67,7 @@ void start() {
     startWorkers();
     last_timestamp = time(nullptr);
     openHistory();
+    setUpServerLine();
     MySleep(0, kSettleNanoseconds);
     last_resend = time(nullptr);
 }
@@ -70,7 +91,10 @@ void runMainLoop() {
 }
 
 void stop() {
+    stopServerLine(tcpc);
+    stopServerLine(tcps);
     th.reset();
+    th2.reset();
     closeHistory();
     MySleep(0, kSettleNanoseconds);
 }
@@ -81,6 +105,7 @@ int main(int argc, char* argv[]) {
     openStandardDescriptors();
     installSignalHandlers();
     if (!parseCommandLine(argc, argv)) return 0;
+    debug_level = dbglev;
     system_setting = "/etc/korvato/settings.json";
     readConfigFiles();
     if (test_send && !test_user.empty()) {

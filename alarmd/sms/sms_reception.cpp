@@ -1,0 +1,151 @@
+#include "alarmd/sms/sms_reception.h"
+
+#include <algorithm>
+#include <ctime>
+
+#include "alarmd/intake/history_poll.h"
+#include "alarmd/intake/server_line.h"
+#include "alarmd/sms/modem.h"
+#include "knihovny/debugerror.h"
+#include "knihovny/generalfce.h"
+
+std::string zprava;
+
+namespace {
+
+constexpr int kReadPauseSeconds = 5;
+constexpr int kReadReplySeconds = 1;
+constexpr int kClearReplySeconds = 4;
+constexpr size_t kRequestLimit = 999;
+
+void removeLineEnds(std::string& text) {
+    std::erase(text, '\r');
+    std::erase(text, '\n');
+}
+
+// One message out of a reply: empty line, header line, text line, empty line, OK.
+struct IncomingSms {
+    std::string from;
+    std::string text;
+    bool has_sender = false;
+};
+
+IncomingSms parseReply(const std::string& reply) {
+    IncomingSms message;
+    const std::vector<std::string> lines = txt2vector(reply, "\n");
+    if (lines.size() <= 2) return message;
+    message.text = lines[2];
+    PrintLine("\tText: ", message.text);
+
+    const std::vector<std::string> header = txt2vector(lines[1], ",");
+    if (header.size() <= 1) return message;
+    message.from = header[1];
+    std::erase(message.from, '"');
+    message.has_sender = true;
+    PrintLine("\tFrom: ", message.from);
+    return message;
+}
+
+void storeLastSms(const IncomingSms& message) {
+    _last_sms received{time(nullptr), message.from, message.text};
+    removeLineEnds(received.text);
+    MutexLock lock(last_sms_mutex);
+    last_sms = std::move(received);
+}
+
+void clearMessageStore() {
+    constexpr char kDeleteAll[] = "AT+CMGD=0,4\r";
+    cekam = 0;
+    receive = 0;
+    timeout = time(nullptr);
+    MyModem.SendBinary(kDeleteAll, sizeof kDeleteAll - 1);
+    Print("\tClearing all SMS..... \n");
+    waitForReply(kClearReplySeconds);
+}
+
+// The first user with this number who may control by SMS.
+bool authorise(const std::string& number, int& userID) {
+    MutexLock lock(project_mutex);
+    const auto found = std::find_if(user_list.begin(), user_list.end(), [&](const _user& candidate) {
+        return candidate.mobil == number && candidate.sms_control;
+    });
+    if (found == user_list.end()) return false;
+    userID = found->id;
+    return true;
+}
+
+std::string acknowledgeRequest(const std::string& alarm_id, int userID) {
+    std::string request = "t=11&prj=";
+    {
+        MutexLock lock(settings_mutex);
+        request += projectID;
+    }
+    request += "&id=" + alarm_id + "&userID=" + std::to_string(userID) + "&ackText=ACK_SMS";
+    if (request.size() > kRequestLimit) request.resize(kRequestLimit);
+    return request;
+}
+
+void sendAcknowledge(const std::string& alarm_id, int userID) {
+    PrintLine("Acknowledge alarm id: ", alarm_id);
+    const std::string request = acknowledgeRequest(alarm_id, userID);
+    if (dbglev != 0) PrintLine(request, "   ---   ", startPointText());
+    tcps.SendBinary(request.data(), static_cast<int>(request.size()));
+}
+
+}  // namespace
+
+void read_sms() {
+    PrintLine("\t-->Thread sms: Cteni SMS");
+    clearReply();
+    readsmstime = time(nullptr) + kReadPauseSeconds;
+
+    // The tab is skipped by the modem and sets the command off from what noise may stand before it on the
+    // line.
+    const std::string command = "\tAT+CMGR=" + std::to_string(msg_cnt) + "\r";
+    PrintLine("\tAT Command: ", command, "\n\tAT Command size : ", command.size(),
+              "\n\tCtu SMS cislo: ", msg_cnt);
+    timeout = time(nullptr);
+    receive = 0;
+    MyModem.SendBinary(command.data(), static_cast<int>(command.size()));
+    waitForReply(kReadReplySeconds);
+    rewindReply();
+    if (receive == 1) parsuj_sms();
+    cekam = 0;
+    receive = 0;
+    Print("\n");
+}
+
+int parsuj_sms() {
+    zprava = replyText();
+    const IncomingSms message = parseReply(zprava);
+    if (message.has_sender) storeLastSms(message);
+    if (zprava.empty()) return 0;
+    clearMessageStore();
+    if (!message.has_sender) return 0;
+
+    int userID = 0;
+    if (!authorise(message.from, userID)) {
+        Print("UNAUTHORIZED USER !!!\n\n");
+        return 0;
+    }
+    Print("AUTHORIZED USER !!!\n\n");
+    if (message.text.empty()) {
+        Print("COMAND EMPTY !!!\n\n");
+        return 0;
+    }
+    execute_sms_command(message.text, userID, message.from);
+    return 0;
+}
+
+void execute_sms_command(std::string text, int userID, std::string /*from*/) {
+    removeLineEnds(text);
+    text = StringToUpper(text);
+    PrintLine("Execute command: ", text);
+    const std::vector<std::string> pieces = txt2vector(text, ":");
+    if (pieces.size() < 2 || pieces[0] != "ACK") return;
+    if (pieces.size() == 2) {
+        sendAcknowledge(pieces[1], userID);
+    } else {
+        PrintLine("Aalarm ID not found");
+    }
+}

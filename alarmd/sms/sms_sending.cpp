@@ -1,0 +1,211 @@
+#include "alarmd/sms/sms_sending.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+#include "alarmd/alarmd.h"
+#include "alarmd/json_reader.h"
+#include "alarmd/mail/texts.h"
+#include "alarmd/sms/modem.h"
+#include "knihovny/debugerror.h"
+#include "knihovny/generalfce.h"
+
+int64_t time_sms_count = 0;
+int sms_count = 0;
+std::atomic<int> sms_counter{0};
+
+namespace {
+
+constexpr int kCountingPeriodSeconds = 60;
+constexpr long kPauseBetweenNanoseconds = 5000000;
+constexpr int kOutcomeLooks = 5;
+constexpr size_t kTextLimit = 999;
+constexpr char kCtrlZ = '\x1a';
+constexpr char kEscape = '\x1b';
+
+// The modems of this system were always sent ten more bytes behind Ctrl-Z, a zero first; they ignore them.
+constexpr size_t kBytesBehindCtrlZ = 10;
+
+constexpr int kSendJson = 50;
+
+// What an alarm's SMS is made of, by its state.
+struct SmsForm {
+    const char* tag;
+    int64_t event_time;
+    std::string suffix;
+};
+
+SmsForm smsForm(const _alarm_tag& alarm) {
+    switch (alarm.stat) {
+        case kDeactivated:
+            return {"(DEA)", alarm.dtm[0], ""};
+        case kActivated:
+            return {"(ACT)", alarm.atm[0], " /ack:" + std::to_string(alarm.id)};
+        case kAcknowledged:
+            return {"(ACK)", alarm.acktm[0], ""};
+        default:
+            return {"", alarm.acktm[0], ""};
+    }
+}
+
+struct Recipients {
+    int group;
+    std::vector<_user> users;
+};
+
+std::vector<Recipients> recipientsOf(int alarm_id) {
+    std::vector<Recipients> found;
+    MutexLock lock(project_mutex);
+    for (int g = 0; g < kNotifiedGroups; ++g) {
+        const std::list<int>& ids = list_group[g].alarm_ids;
+        if (std::find(ids.begin(), ids.end(), alarm_id) != ids.end())
+            found.push_back({g, list_group[g].users});
+    }
+    return found;
+}
+
+std::string composeText(const SmsForm& form, const std::string& message) {
+    std::string text = std::string(form.tag) + " " + message + form.suffix;
+    if (text.size() > kTextLimit) text.resize(kTextLimit);
+    return text;
+}
+
+void printRequest(const std::string& number, const std::string& text) {
+    Json::Value request;
+    request["t"] = kSendJson;
+    request["number"] = number;
+    request["text"] = text;
+    PrintLine("Sendind: ", writeJson(request));
+}
+
+void notifyUser(_alarm_tag& alarm, const SmsForm& form, const _user& recipient) {
+    const _langs texts = getTextForLangs(alarm.id, recipient.lang);
+    alarm.dev = texts.deviceLangs;
+    alarm.msg = texts.messageLangs;
+    alarm.area = texts.areaLangs;
+    if (recipient.mobil.empty()) return;
+
+    const std::string text = composeText(form, alarm.msg);
+    if (dbglev > 0) printRequest(recipient.mobil, text);
+    if (testing_sms == 0) {
+        if (disable_notification) {
+            PrintLine("Notification DISABLED !!!!");
+        } else {
+            sendSMS(recipient.mobil, text);
+            PrintLine("Number: ", recipient.mobil, "; Text: ", text);
+            MySleep(0, kPauseBetweenNanoseconds);
+        }
+    }
+    ++sms_count;
+}
+
+void printStale(int64_t event_time) {
+    char buffer[64] = "";
+    const time_t moment = event_time;
+    std::string readable;
+    if (ctime_r(&moment, buffer) != nullptr) readable = buffer;
+    if (!readable.empty()) readable.pop_back();
+    PrintLine(color_sms, "ALARM TIMEOUT !!! (", event_time, " ", readable, ")", color_off);
+}
+
+void handleAlarm(_alarm_tag alarm) {
+    PrintLine("Zpracovavam sms queue SMS");
+    const SmsForm form = smsForm(alarm);
+    if (time(nullptr) - form.event_time >= ALARM_TIMEOUT) {
+        printStale(form.event_time);
+        return;
+    }
+    for (const Recipients& group : recipientsOf(alarm.id)) {
+        PrintLine(color_sms, "(SMS) GROUP: ", group.group, " - FOUND alarm ID: ", alarm.id, color_off);
+        for (const _user& recipient : group.users) {
+            if (konec) return;
+            notifyUser(alarm, form, recipient);
+        }
+    }
+}
+
+void handleRaw(const _sms_raw& message, int queued) {
+    PrintLine("Zpracovavam sms queue SMS RAW ", queued);
+    if (dbglev > 0) PrintLine("Sendind: ", message.number, " ", message.text);
+    if (testing_sms == 0) {
+        sendSMS(message.number, message.text);
+        MySleep(0, kPauseBetweenNanoseconds);
+    }
+    ++sms_count;
+}
+
+// A stopping daemon writes nothing to the modem any more, so going on would only wait for answers that cannot
+// come.
+bool stopping() {
+    if (!konec) return false;
+    const int unsent = fronta_sms.size() + fronta_sms_raw.size();
+    if (unsent > 0) PrintErrorLine("alarmd: stopping with ", unsent, " SMS queue entries unsent");
+    return true;
+}
+
+void drainQueues() {
+    _alarm_tag alarm;
+    while (!stopping() && fronta_sms.take(alarm)) handleAlarm(alarm);
+    _sms_raw message;
+    int queued;
+    while (!konec && (queued = fronta_sms_raw.size()) > 0 && fronta_sms_raw.take(message)) {
+        handleRaw(message, queued);
+    }
+}
+
+bool endsNumber(char c) {
+    return c == '"' || static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+}
+bool endsText(char c) {
+    return c == kCtrlZ || c == kEscape;
+}
+
+}  // namespace
+
+void zpracuj_sms() {
+    const time_t now = time(nullptr);
+    if (time_sms_count == 0) {
+        time_sms_count = now;
+        sms_count = 0;
+    }
+    if (fronta_sms.empty() && fronta_sms_raw.empty()) return;
+    if (now > time_sms_count + kCountingPeriodSeconds) {
+        sms_count = 0;
+        time_sms_count = now;
+    }
+    if (sms_count > smspeermin) {
+        PrintLine(color_warn, "!!!! COUNT SMS PEER MIN EXCEEDED !!!", color_off);
+        MySleep(1, 0);
+        return;
+    }
+    drainQueues();
+}
+
+void sendSMS(std::string number, std::string text) {
+    PrintLine("Sending ....", "Number: ", number, "; Text: ", text);
+    std::erase_if(number, endsNumber);
+    std::erase_if(text, endsText);
+
+    const std::string command = "at+CMGS=\"" + number + "\"\r";
+    MyModem.SendBinary(command.data(), static_cast<int>(command.size()));
+    MySleep(1, kPauseBetweenNanoseconds);
+    MySleep(1, kPauseBetweenNanoseconds);
+
+    const std::string body = text + '\r' + kCtrlZ + std::string(kBytesBehindCtrlZ, '\0');
+    rec_status = 0;
+    MyModem.SendBinary(body.data(), static_cast<int>(body.size()));
+    ++sms_counter;
+
+    bool acknowledged = false;
+    for (int look = 0; look < kOutcomeLooks && !acknowledged; ++look) {
+        acknowledged = rec_status == 1;
+        if (!acknowledged) MySleep(1, 0);
+    }
+    if (acknowledged) {
+        PrintLine(color_modem, "--------------:::::::: SMS SEND OK !!!! ::::::::------------", color_off);
+    }
+    if (rec_status == 0) {
+        PrintLine(color_modem, "--------------:::::::: SMS SEND FAIL !!!! ::::::::------------", color_off);
+    }
+}

@@ -1,0 +1,20 @@
+// Sending of SMS: alarms and free texts, within a per-minute limit. SMS thread only.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+// One drain of fronta_sms and then fronta_sms_raw. The limit smspeermin is looked at once a drain: one that
+// begins under it sends all that is queued. Ends early, telling what stays unsent, when konec is set.
+void zpracuj_sms();
+
+// Sends one text message through the modem and prints the outcome: about 2 s for the prompt, then at most 5 s
+// for the OK. Characters that would end the number or the text early on the line (quotation marks and control
+// characters in the number, Ctrl-Z and ESC in the text) are left out.
+void sendSMS(std::string number, std::string text);
+
+extern int64_t time_sms_count;  // start of the present counting minute, seconds; 0 before the first drain
+extern int sms_count;           // messages counted in it
+
+extern std::atomic<int> sms_counter;  // messages handed to the modem since start; read by the request threads

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <atomic>
+
+#include "knihovny/thread3.h"
+
+// The SMS thread's body: opens and initialises the modem, then every 2 s drains the queues and reads the
+// incoming SMS, until konec is set. The only thread that talks to the modem.
+void vlakno_s();
+
+class MyThread2 final : public Thread3 {
+  public:
+    ~MyThread2() { Stop(); }
+
+    void NastavUkonceni(std::atomic<bool>* flag) { ukonci = flag; }
+
+  protected:
+    void ExecuteThread() override { vlakno_s(); }
+
+  private:
+    std::atomic<bool>* ukonci = nullptr;
+};

@@ -1,0 +1,145 @@
+// A scripted modem on a pty for the tests of the SMS rooms: records what arrives and answers by a table.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "alarmd/alarmd.h"
+#include "alarmd/sms/modem.h"
+#include "alarmd/sms/sms_sending.h"
+#include "knihovny/mutex.h"
+
+class PtyModem {
+  public:
+    // When the received bytes end with `command`, the modem sends `reply`.
+    using Script = std::vector<std::pair<std::string, std::string>>;
+
+    explicit PtyModem(Script script = {}) : script_(std::move(script)) {
+        master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        grantpt(master_);
+        unlockpt(master_);
+        termios raw{};
+        tcgetattr(master_, &raw);
+        cfmakeraw(&raw);
+        tcsetattr(master_, TCSANOW, &raw);
+        char name[128];
+        ptsname_r(master_, name, sizeof name);
+        device_ = name;
+        keep_ = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);  // so that a closed channel is no hang-up
+        thread_ = std::thread([this] { run(); });
+    }
+
+    ~PtyModem() {
+        stop_ = true;
+        thread_.join();
+        close(keep_);
+        close(master_);
+    }
+
+    const std::string& device() const { return device_; }
+
+    // All bytes that arrived so far.
+    std::string received() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return received_;
+    }
+
+    void say(const std::string& bytes) const {
+        size_t done = 0;
+        while (done < bytes.size()) {
+            const ssize_t written = write(master_, bytes.data() + done, bytes.size() - done);
+            if (written <= 0) return;
+            done += static_cast<size_t>(written);
+        }
+    }
+
+    // Waits, at most 10 s, until the condition holds.
+    static bool eventually(const std::function<bool()>& condition) {
+        for (int look = 0; look < 2000; ++look) {
+            if (condition()) return true;
+            usleep(5000);
+        }
+        return condition();
+    }
+
+  private:
+    void run() {
+        while (!stop_) {
+            pollfd event{master_, POLLIN, 0};
+            if (poll(&event, 1, 20) <= 0 || !(event.revents & POLLIN)) continue;
+            char buffer[512];
+            const ssize_t count = read(master_, buffer, sizeof buffer);
+            for (ssize_t i = 0; i < count; ++i) take(buffer[i]);
+        }
+    }
+
+    void take(char c) EXCLUDES(mutex_) {
+        std::string all;
+        {
+            MutexLock lock(mutex_);
+            received_ += c;
+            all = received_;
+        }
+        for (const auto& [command, reply] : script_) {
+            if (all.size() >= command.size() &&
+                all.compare(all.size() - command.size(), command.size(), command) == 0) {
+                say(reply);
+            }
+        }
+    }
+
+    Script script_;
+    int master_ = -1;
+    int keep_ = -1;
+    std::string device_;
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+    Mutex mutex_;
+    std::string received_ GUARDED_BY(mutex_);
+};
+
+// Puts the SMS rooms and what they read back to their start.
+inline void resetSmsState() {
+    konec = konecModem = false;
+    thr_lock = false;
+    disable_notification = false;
+    modemInit = false;
+    testing_sms = 0;
+    smspeermin = 10;
+    time_sms_count = 0;
+    sms_count = 0;
+    sms_counter = 0;
+    msg_cnt = 0;
+    readsmstime = 0;
+    receive = 0;
+    rec_status = 0;
+    clearReply();
+    fronta_sms.clear();
+    fronta_sms_raw.clear();
+    MutexLock lock(project_mutex);
+    user_list.clear();
+    for (_group& group : list_group) group = _group();
+}
+
+// Opens the daemon's modem channel on the device.
+inline bool connectModem(const std::string& device) {
+    MyModem.NastavUkonceni(&konecModem);
+    MyModem.SetCom(115200, 1, 8, 1, 2, 2, 2, device.c_str());
+    return MyModem.Connect();
+}
+
+inline void disconnectModem() {
+    konecModem = true;
+    MyModem.StopReading();
+    konecModem = false;
+}

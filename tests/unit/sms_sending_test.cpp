@@ -1,0 +1,210 @@
+#include "alarmd/sms/sms_sending.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <string>
+
+#include "alarmd/project/alarm_definitions.h"
+#include "pty_modem.h"
+
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+constexpr char kSendOk[] = "--------------:::::::: SMS SEND OK !!!! ::::::::------------\n";
+constexpr char kSendFail[] = "--------------:::::::: SMS SEND FAIL !!!! ::::::::------------\n";
+
+// What goes over the line for one message.
+std::string onTheLine(const std::string& number, const std::string& text) {
+    return "at+CMGS=\"" + number + "\"\r" + text + "\r\x1a" + std::string(10, '\0');
+}
+
+_user member(const std::string& number, const std::string& lang = "") {
+    _user user_record;
+    user_record.mobil = number;
+    user_record.lang = lang;
+    return user_record;
+}
+
+_alarm_tag alarmNow(int id, int stat) {
+    _alarm_tag alarm;
+    alarm.id = id;
+    alarm.stat = stat;
+    alarm.atm[0] = alarm.dtm[0] = alarm.acktm[0] = time(nullptr);
+    return alarm;
+}
+
+class SmsSendingTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        resetSmsState();
+        MutexLock lock(project_mutex);
+        clearDefinitions();
+    }
+    void TearDown() override {
+        disconnectModem();
+        SetUp();
+    }
+
+    // A definition as a JSON file gives it.
+    static void define(int id, const std::string& message) {
+        MutexLock lock(project_mutex);
+        _alarm_def& definition = alarm_def_map[id];
+        definition.id = id;
+        definition.message = message;
+        definition.messageLangs = {{"cs", "Porucha"}};
+    }
+
+    static void join(int group, int alarm_id, const _user& user_record) {
+        MutexLock lock(project_mutex);
+        list_group[group].alarm_ids.push_back(alarm_id);
+        list_group[group].users.push_back(user_record);
+    }
+};
+
+TEST_F(SmsSendingTest, AMessageIsTenBytesLongerThanItsCtrlZ) {
+    PtyModem line(
+        PtyModem::Script{{std::string("\x1a") + std::string(10, '\0'), "\r\n+CMGS: 1\r\n\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    CaptureStdout();
+    sendSMS("+420123456789", "Hello");
+    EXPECT_EQ(GetCapturedStdout(), std::string("Sending ....Number: +420123456789; Text: Hello\n") + kSendOk);
+    EXPECT_EQ(line.received(), onTheLine("+420123456789", "Hello"));
+    EXPECT_EQ(sms_counter, 1);
+}
+
+TEST_F(SmsSendingTest, WithoutAnOkTheMessageFails) {
+    PtyModem line;
+    ASSERT_TRUE(connectModem(line.device()));
+    CaptureStdout();
+    sendSMS("1", "x");
+    EXPECT_EQ(GetCapturedStdout(), std::string("Sending ....Number: 1; Text: x\n") + kSendFail);
+}
+
+TEST_F(SmsSendingTest, NumberAndTextCannotLeaveTheirPlaces) {
+    PtyModem line(PtyModem::Script{{std::string(10, '\0'), "\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    sendSMS("1\"\r\nATD2;\r",
+            "a\x1a"
+            "AT+CMGD=0,4\r\x1b"
+            "b\nc");
+    EXPECT_EQ(line.received(), onTheLine("1ATD2;", "aAT+CMGD=0,4\rb\nc"));
+}
+
+TEST_F(SmsSendingTest, AnActivationCarriesTheAcknowledgeHint) {
+    define(17, "Pump failure");
+    join(2, 17, member("123456789"));
+    fronta_sms.push(alarmNow(17, kActivated));
+    PtyModem line(PtyModem::Script{{std::string(10, '\0'), "\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    CaptureStdout();
+    zpracuj_sms();
+    EXPECT_EQ(GetCapturedStdout(),
+              std::string("Zpracovavam sms queue SMS\n(SMS) GROUP: 2 - FOUND alarm ID: 17\n"
+                          "Sending ....Number: 123456789; Text: (ACT) Pump failure /ack:17\n") +
+                  kSendOk + "Number: 123456789; Text: (ACT) Pump failure /ack:17\n");
+    EXPECT_EQ(line.received(), onTheLine("123456789", "(ACT) Pump failure /ack:17"));
+    EXPECT_EQ(sms_count, 1);
+}
+
+TEST_F(SmsSendingTest, TagAndLanguageFollowStateAndUser) {
+    define(17, "Pump failure");
+    join(0, 17, member("1", "cs"));
+    join(1, 17, member("2", "de"));
+    fronta_sms.push(alarmNow(17, kDeactivated));
+    fronta_sms.push(alarmNow(17, kAcknowledged));
+    PtyModem line(PtyModem::Script{{std::string(10, '\0'), "\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    zpracuj_sms();
+    EXPECT_EQ(line.received(), onTheLine("1", "(DEA) Porucha") + onTheLine("2", "(DEA) Pump failure") +
+                                   onTheLine("1", "(ACK) Porucha") + onTheLine("2", "(ACK) Pump failure"));
+}
+
+TEST_F(SmsSendingTest, OneDrainSendsAllAndTheNextOneWaits) {
+    define(1, "m");
+    join(0, 1, member("5"));
+    testing_sms = 1;
+    for (int i = 0; i < 15; ++i) fronta_sms.push(alarmNow(1, kActivated));
+    zpracuj_sms();
+    EXPECT_EQ(sms_count, 15);
+    EXPECT_TRUE(fronta_sms.empty());
+
+    fronta_sms.push(alarmNow(1, kActivated));
+    CaptureStdout();
+    zpracuj_sms();
+    EXPECT_EQ(GetCapturedStdout(), "!!!! COUNT SMS PEER MIN EXCEEDED !!!\n");
+    EXPECT_EQ(fronta_sms.size(), 1);
+
+    time_sms_count -= 61;
+    zpracuj_sms();
+    EXPECT_EQ(sms_count, 1);
+    EXPECT_TRUE(fronta_sms.empty());
+}
+
+TEST_F(SmsSendingTest, AStaleAlarmIsToldAndNotSent) {
+    define(1, "m");
+    join(0, 1, member("5"));
+    _alarm_tag alarm = alarmNow(1, kActivated);
+    alarm.atm[0] = 1700000000;
+    fronta_sms.push(alarm);
+    testing_sms = 1;
+    setenv("TZ", "UTC", 1);
+    tzset();
+    CaptureStdout();
+    zpracuj_sms();
+    EXPECT_EQ(GetCapturedStdout(),
+              "Zpracovavam sms queue SMS\nALARM TIMEOUT !!! (1700000000 Tue Nov 14 22:13:20 2023)\n");
+    EXPECT_EQ(sms_count, 0);
+}
+
+TEST_F(SmsSendingTest, GroupsTenAndElevenAreNotNotified) {
+    define(1, "m");
+    join(10, 1, member("5"));
+    join(11, 1, member("5"));
+    testing_sms = 1;
+    fronta_sms.push(alarmNow(1, kActivated));
+    zpracuj_sms();
+    EXPECT_EQ(sms_count, 0);
+}
+
+TEST_F(SmsSendingTest, TestModeWritesNothingAndCounts) {
+    define(1, "m");
+    join(0, 1, member("5"));
+    PtyModem line;
+    ASSERT_TRUE(connectModem(line.device()));
+    testing_sms = 1;
+    fronta_sms.push(alarmNow(1, kActivated));
+    fronta_sms_raw.push({"1", "raw", "127.0.0.1", -1});
+    zpracuj_sms();
+    EXPECT_EQ(sms_count, 2);
+    EXPECT_EQ(sms_counter, 0);
+    EXPECT_EQ(line.received(), "");
+}
+
+TEST_F(SmsSendingTest, DisabledNotificationsAreToldAndCountedAndRawMessagesGo) {
+    define(1, "m");
+    join(0, 1, member("5"));
+    join(0, 1, member(""));
+    disable_notification = true;
+    fronta_sms.push(alarmNow(1, kActivated));
+    fronta_sms_raw.push({"9", "raw", "127.0.0.1", -1});
+    PtyModem line(PtyModem::Script{{std::string(10, '\0'), "\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    CaptureStdout();
+    zpracuj_sms();
+    const std::string log = GetCapturedStdout();
+    EXPECT_NE(log.find("Notification DISABLED !!!!\n"), std::string::npos);
+    EXPECT_NE(log.find("Zpracovavam sms queue SMS RAW 1\n"), std::string::npos);
+    EXPECT_EQ(line.received(), onTheLine("9", "raw"));
+}
+
+TEST_F(SmsSendingTest, AStopLeavesTheDrain) {
+    fronta_sms_raw.push({"9", "raw", "127.0.0.1", -1});
+    konec = true;
+    zpracuj_sms();
+    EXPECT_EQ(fronta_sms_raw.size(), 1);
+}
+
+}  // namespace
