@@ -43,10 +43,10 @@ class GsmModem {
   public:
     struct Options {
         const ModemModel* model = &modemModels()[2];
-        std::string link;     // path of a symbolic link to the port; empty: none
-        bool plugged = true;  // at the start
-        bool sim = true;      // a SIM is in
-        std::string pin;      // that the SIM asks for; empty: none
+        std::string link = {};  // path of a symbolic link to the port; empty: none
+        bool plugged = true;    // at the start
+        bool sim = true;        // a SIM is in
+        std::string pin = {};   // that the SIM asks for; empty: none
     };
 
     // Throws std::runtime_error when there is no pseudo terminal or the link cannot be made. log outlives the

@@ -9,10 +9,10 @@ namespace sim {
 struct StoredMessage {
     enum State { kUnread, kRead, kUnsent, kSent };
     State state = kUnread;
-    std::string number;
-    std::string name;   // the sender's name in the phone book; empty: none
-    std::string stamp;  // service centre time stamp, "yy/MM/dd,hh:mm:ss+zz" (zz: quarters of an hour)
-    std::string text;
+    std::string number = {};
+    std::string name = {};   // the sender's name in the phone book; empty: none
+    std::string stamp = {};  // service centre time stamp, "yy/MM/dd,hh:mm:ss+zz" (zz: quarters of an hour)
+    std::string text = {};
 };
 
 // The text-mode word of a state, such as "REC UNREAD" (3GPP TS 27.005, section 3.1).
