@@ -10,6 +10,8 @@
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
+bool ret_connect = false;
+
 namespace {
 
 constexpr int kRawMode = 2;
@@ -42,7 +44,7 @@ void openModem(const std::string& device) {
         MyModem.NastavUkonceni(&konecModem);
         MyModem.SetCom(modem_speed, modem_parity, modem_databit, modem_stopbit, modem_flow, kRawMode,
                        modem_xflow, device);
-        MyModem.Connect();
+        ret_connect = MyModem.Connect();
         MySleep(2, 0);
         if (modemOpen()) {
             PrintLine("Openning Modem port....OK");

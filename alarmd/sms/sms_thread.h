@@ -8,6 +8,9 @@
 // incoming SMS, until konec is set. The only thread that talks to the modem.
 void vlakno_s();
 
+// What the last Connect of the modem channel gave. SMS thread only.
+extern bool ret_connect;
+
 class MyThread2 final : public Thread3 {
   public:
     ~MyThread2() { Stop(); }
