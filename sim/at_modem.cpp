@@ -581,37 +581,35 @@ int AtModem::sendingError() {
 
 // The message is on its way while the answer is under way: the network decides at its end.
 void AtModem::submit() {
-    const auto decide = [this] {
-        SentMessage message{outside_.now(), number_, text_, text_, false, 0, 0};
-        if (message.text.ends_with('\r')) message.text.pop_back();
-        message.error = sendingError();
-        message.sent = message.error == 0;
-        if (message.sent) {
-            message.reference = reference_ = (reference_ + 1) % 256;
-            output_ += "\r\n+CMGS: " + std::to_string(reference_) + "\r\n\r\nOK\r\n";
-        } else {
-            output_ += finalResult({Answer::kCms, message.error, {}});
-        }
-        sent_.push_back(message);
-        if (sent_.size() > kMostSent) sent_.pop_front();
-        outside_.tell(
-            "sms",
-            [&] {
-                const std::string text = "sms to " + message.number + ": " + printable(message.text);
-                return message.sent ? text : text + " (refused, " + std::to_string(message.error) + ")";
-            }(),
-            sentJson(message));
-        if (message.sent) phoneAnswers(message);
-    };
-    if (world.slow + world.sending <= 0) {
+    const double seconds = world.slow + world.sending;
+    if (seconds <= 0) {
         decide();
         return;
     }
     busy_ = true;
-    later(world.slow + world.sending, true, [this, decide] {
+    later(seconds, true, [this] {
         busy_ = false;
         decide();
     });
+}
+
+void AtModem::decide() {
+    SentMessage message{outside_.now(), number_, text_, text_, false, 0, 0};
+    if (message.text.ends_with('\r')) message.text.pop_back();
+    message.error = sendingError();
+    message.sent = message.error == 0;
+    std::string line = "sms to " + message.number + ": " + printable(message.text);
+    if (message.sent) {
+        message.reference = reference_ = (reference_ + 1) % 256;
+        output_ += "\r\n+CMGS: " + std::to_string(reference_) + "\r\n\r\nOK\r\n";
+    } else {
+        output_ += finalResult({Answer::kCms, message.error, {}});
+        line += " (refused, " + std::to_string(message.error) + ")";
+    }
+    sent_.push_back(message);
+    if (sent_.size() > kMostSent) sent_.pop_front();
+    outside_.tell("sms", line, sentJson(message));
+    if (message.sent) phoneAnswers(message);
 }
 
 Json::Value sentJson(const SentMessage& message) {

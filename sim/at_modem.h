@@ -164,6 +164,7 @@ class AtModem {
     std::string finalResult(const Answer& answer) const;
     std::string informed(const Answer& answer) const;
     void submit();
+    void decide();
     int sendingError();
     void phoneAnswers(const SentMessage& message);
     void receiveWaiting();

@@ -1,6 +1,8 @@
 // The modem's command line, without a port: bytes in, bytes out, on a clock that the test moves.
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -453,6 +455,21 @@ TEST_F(AtModemTest, SaysAnythingAtOnce) {
     say("AT+CMGS=\"1\"\r");
     modem.say(std::string("O\0K", 3));
     EXPECT_EQ(said(), std::string("O\0K", 3));
+}
+
+TEST_F(AtModemTest, SenselessCommandsDoNoHarm) {
+    static constexpr const char* kPieces[] = {
+        "AT", "+CMGR", "+CMGS", "+CMGD", "+CPIN", "+CSCA",     "+CNMI", "^CURC", "E",
+        "&",  "=",     "?",     "=?",    "\"",    ",",         ";",     "1",     "99999999999",
+        "\r", "\x1A",  "\x1B",  "\b",    "A/",    "+CMGF=1\r", "\xFF"};
+    std::minstd_rand random(7);
+    for (int i = 0; i < 200000; ++i) {
+        modem.receive(kPieces[(random() >> 4) % std::size(kPieces)]);
+        if (i % 100 == 0) phone("x");
+    }
+    output.clear();
+    modem.powerUp();
+    EXPECT_EQ(say("AT\r"), "AT\r\r\nOK\r\n");
 }
 
 }  // namespace
