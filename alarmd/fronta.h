@@ -5,8 +5,8 @@
 
 #include "knihovny/mutex.h"
 
-// A first-in-first-out queue between threads. It locks for the length of one operation only, so a producer can push
-// while a consumer works on what it took. Any thread.
+// A first-in-first-out queue between threads. It locks for the length of one operation only, so a producer
+// can push while a consumer works on what it took. Any thread.
 template <class T>
 class Fronta {
   public:

@@ -11,7 +11,8 @@
 
 namespace {
 
-// stdio is out of bounds in a handler. Standard output is line-buffered, so what other threads have printed is out.
+// stdio is out of bounds in a handler. Standard output is line-buffered, so what other threads have printed
+// is out.
 void writeOut(const char* text, size_t length) {
     const int saved_errno = errno;
     [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, text, length);

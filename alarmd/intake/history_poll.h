@@ -18,7 +18,8 @@ void closeHistory();
 // The request's body for the present start point, at most 999 characters.
 std::string historyRequest();
 
-// The whole seconds of the present start point as asctime writes them, in UTC, closed by a newline. Any thread.
+// The whole seconds of the present start point as asctime writes them, in UTC, closed by a newline. Any
+// thread.
 std::string startPointText();
 
 // libcurl write callback: appends the chunk up to its first zero byte to target (a std::string); returns size
