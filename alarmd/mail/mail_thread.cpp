@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <ctime>
-#include <vector>
+#include <string>
 
 #include "alarmd/alarmd.h"
 #include "alarmd/mail/mail.h"
 #include "alarmd/mail/texts.h"
+#include "alarmd/project/recipients.h"
+#include "alarmd/stale_alarm.h"
 #include "knihovny/debugerror.h"
 
 std::string subject;
@@ -40,7 +40,7 @@ struct Event {
 
 struct Recipient {
     int group;
-    _user user;
+    const _user& user;
 };
 
 Event eventOf(const _alarm_tag& alarm) {
@@ -54,38 +54,6 @@ Event eventOf(const _alarm_tag& alarm) {
         default:  // kAckTimedState; the history reports no other
             return {"", alarm.acktm[0]};
     }
-}
-
-bool isStale(int64_t event_time) {
-    int64_t age;
-    // Only a time far below zero is out of range.
-    if (__builtin_sub_overflow(static_cast<int64_t>(time(nullptr)), event_time, &age)) return true;
-    return age >= ALARM_TIMEOUT;
-}
-
-// The ctime text without its newline, empty for a year that has more than four digits.
-std::string timeText(int64_t seconds) {
-    const time_t moment = seconds;
-    char text[32];
-    if (ctime_r(&moment, text) == nullptr) return "";
-    return {text, strcspn(text, "\n")};
-}
-
-void printTimeout(int64_t event_time) {
-    PrintLine(color_sms, "ALARM TIMEOUT !!! (", event_time, " ", timeText(event_time), ")", color_off);
-}
-
-// In the order in which they get their mails. Who is in two groups that list the alarm gets two mails.
-std::vector<Recipient> recipientsOf(int alarm_id) EXCLUDES(project_mutex) {
-    std::vector<Recipient> recipients;
-    MutexLock lock(project_mutex);
-    for (int g = 0; g < kNotifiedGroups; ++g) {
-        const _group& group = list_group[g];
-        if (std::find(group.alarm_ids.begin(), group.alarm_ids.end(), alarm_id) == group.alarm_ids.end())
-            continue;
-        for (const _user& member : group.users) recipients.push_back({g, member});
-    }
-    return recipients;
 }
 
 std::string dashIfEmpty(const std::string& text) {
@@ -151,17 +119,19 @@ void makeMail(const _alarm_tag& alarm, const char* status, const Recipient& reci
 int handleAlarm(const _alarm_tag& alarm, bool& hung) {
     const Event event = eventOf(alarm);
     if (isStale(event.time)) {
-        printTimeout(event.time);
+        printStale(event.time);
         return 0;
     }
     int given_up = 0;
-    for (const Recipient& recipient : recipientsOf(alarm.id)) {
-        if (hung) {
-            ++given_up;
-            continue;
+    for (const NotifiedGroup& group : groupsNotifiedOf(alarm.id)) {
+        for (const _user& member : group.users) {
+            if (hung) {
+                ++given_up;
+                continue;
+            }
+            makeMail(alarm, event.status, {group.group, member});
+            hung = mailClientHung();
         }
-        makeMail(alarm, event.status, recipient);
-        hung = mailClientHung();
     }
     return given_up;
 }

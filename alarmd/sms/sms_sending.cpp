@@ -1,13 +1,13 @@
 #include "alarmd/sms/sms_sending.h"
 
-#include <algorithm>
-#include <cstdio>
 #include <ctime>
 
 #include "alarmd/alarmd.h"
 #include "alarmd/json_reader.h"
 #include "alarmd/mail/texts.h"
+#include "alarmd/project/recipients.h"
 #include "alarmd/sms/modem.h"
+#include "alarmd/stale_alarm.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
@@ -49,22 +49,6 @@ SmsForm smsForm(const _alarm_tag& alarm) {
     }
 }
 
-struct Recipients {
-    int group;
-    std::vector<_user> users;
-};
-
-std::vector<Recipients> recipientsOf(int alarm_id) {
-    std::vector<Recipients> found;
-    MutexLock lock(project_mutex);
-    for (int g = 0; g < kNotifiedGroups; ++g) {
-        const std::list<int>& ids = list_group[g].alarm_ids;
-        if (std::find(ids.begin(), ids.end(), alarm_id) != ids.end())
-            found.push_back({g, list_group[g].users});
-    }
-    return found;
-}
-
 std::string composeText(const SmsForm& form, const std::string& message) {
     std::string text = std::string(form.tag) + " " + message + form.suffix;
     if (text.size() > kTextLimit) text.resize(kTextLimit);
@@ -100,23 +84,14 @@ void notifyUser(_alarm_tag& alarm, const SmsForm& form, const _user& recipient) 
     ++sms_count;
 }
 
-void printStale(int64_t event_time) {
-    char buffer[64] = "";
-    const time_t moment = event_time;
-    std::string readable;
-    if (ctime_r(&moment, buffer) != nullptr) readable = buffer;
-    if (!readable.empty()) readable.pop_back();
-    PrintLine(color_sms, "ALARM TIMEOUT !!! (", event_time, " ", readable, ")", color_off);
-}
-
 void handleAlarm(_alarm_tag alarm) {
     PrintLine("Zpracovavam sms queue SMS");
     const SmsForm form = smsForm(alarm);
-    if (time(nullptr) - form.event_time >= ALARM_TIMEOUT) {
+    if (isStale(form.event_time)) {
         printStale(form.event_time);
         return;
     }
-    for (const Recipients& group : recipientsOf(alarm.id)) {
+    for (const NotifiedGroup& group : groupsNotifiedOf(alarm.id)) {
         PrintLine(color_sms, "(SMS) GROUP: ", group.group, " - FOUND alarm ID: ", alarm.id, color_off);
         for (const _user& recipient : group.users) {
             if (konec) return;
