@@ -122,6 +122,8 @@ bool TcpClient2::Disconnect() {
         if (ended_here) OnDisconnect();
         connected = 0;
     }
+    // A reading thread that ended the connection may still be on its way out.
+    Thread3::Stop();
     return connected != 0;
 }
 
