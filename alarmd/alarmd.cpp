@@ -87,3 +87,11 @@ std::string data_rcv;
 
 Mutex last_sms_mutex;
 _last_sms last_sms;
+
+std::atomic<bool> gps_enable{false};
+Mutex gps_mutex;
+_gps_data gps_data;
+_gps_data_parse gps_data_parse;
+
+int tcp_port = 0;
+int tcp_timeout = 15;

@@ -254,3 +254,13 @@ extern std::string data_rcv GUARDED_BY(data_rcv_mutex);
 // The last received SMS: written by the SMS thread, read by the request threads.
 extern Mutex last_sms_mutex;
 extern _last_sms last_sms GUARDED_BY(last_sms_mutex);
+
+// GPS. The sentences are written by the GPS channel's reading thread and read by the GPS and request threads.
+extern std::atomic<bool> gps_enable;  // GPS is switched on; written by main (start-up and re-read)
+extern Mutex gps_mutex;
+extern _gps_data gps_data GUARDED_BY(gps_mutex);
+extern _gps_data_parse gps_data_parse GUARDED_BY(gps_mutex);  // as last told; written by the FastCGI thread
+
+// The TCP request server. Main thread only.
+extern int tcp_port;     // on 127.0.0.1; 0 when there is to be no server
+extern int tcp_timeout;  // seconds after which a silent client is dropped

@@ -10,6 +10,9 @@
 
 namespace {
 
+constexpr int kHighestPort = 65535;
+constexpr int kLongestTimeout = 86400;
+
 // Collected here and then handed to the other threads in one go, so that none sees the defaults in between.
 struct ModemSettings {
     std::string port = "/dev/ttyModem2";
@@ -28,6 +31,9 @@ struct ModemSettings {
     int period1_quantity = 5;
     int period2_timeout = 3600;
     int period2_quantity = 5;
+    bool gps = false;
+    int request_port = 0;
+    int request_timeout = 15;
 };
 
 struct Key {
@@ -52,6 +58,9 @@ const Key kKeys[] = {
     {"resend_period1_quantity", &ModemSettings::period1_quantity},
     {"resend_period2_timeout", &ModemSettings::period2_timeout},
     {"resend_period2_quantity", &ModemSettings::period2_quantity},
+    {"gps_enable", &ModemSettings::gps},
+    {"tcp_port", &ModemSettings::request_port},
+    {"tcp_timeout", &ModemSettings::request_timeout},
 };
 
 void complain(const char* name, const char* reason) {
@@ -85,6 +94,12 @@ Json::Value objectIn(const Json::Value& parent, const char* name) {
     return Json::Value();
 }
 
+void keepInRange(const char* name, int most, int otherwise, int& value) {
+    if (value >= 0 && value <= most) return;
+    complain(name, "out of range");
+    value = otherwise;
+}
+
 void takeAll(const Json::Value& root, ModemSettings& settings) {
     if (!root.isObject() && !root.isNull()) {
         PrintErrorLine("alarmd: ", system_setting,
@@ -93,6 +108,9 @@ void takeAll(const Json::Value& root, ModemSettings& settings) {
     }
     const Json::Value modem = objectIn(objectIn(root, "network"), "modem");
     for (const Key& key : kKeys) takeKey(key, modem[key.name], settings);
+    const ModemSettings defaults;
+    keepInRange("tcp_port", kHighestPort, defaults.request_port, settings.request_port);
+    keepInRange("tcp_timeout", kLongestTimeout, defaults.request_timeout, settings.request_timeout);
 }
 
 void publish(const ModemSettings& settings) {
@@ -115,6 +133,9 @@ void publish(const ModemSettings& settings) {
     resend_period1_quantity = settings.period1_quantity;
     resend_period2_timeout = settings.period2_timeout;
     resend_period2_quantity = settings.period2_quantity;
+    gps_enable = settings.gps;
+    tcp_port = settings.request_port;
+    tcp_timeout = settings.request_timeout;
 }
 
 void printSummary(const ModemSettings& settings) {
@@ -122,6 +143,15 @@ void printSummary(const ModemSettings& settings) {
               "; PORT = ", settings.port, "; PIN = ", settings.pin_code, "; Speed = ", settings.speed,
               "; Parity = ", settings.parity, "; Stopbit = ", settings.stopbit,
               "; Databit = ", settings.databit, "; Flow = ", settings.flow, "; SW Flow =", settings.xflow);
+}
+
+// What is off unless the settings switch it on.
+void printSwitchedOn(const ModemSettings& settings) {
+    if (settings.gps) PrintLine("GPS is switched on");
+    if (settings.request_port != 0) {
+        PrintLine("TCP requests are switched on: 127.0.0.1:", settings.request_port, ", timeout ",
+                  settings.request_timeout, " s");
+    }
 }
 
 }  // namespace
@@ -140,4 +170,5 @@ void readSMSset() {
     }
     publish(settings);
     printSummary(settings);
+    printSwitchedOn(settings);
 }

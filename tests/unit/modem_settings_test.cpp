@@ -48,6 +48,9 @@ class ModemSettingsTest : public testing::Test {
         EXPECT_EQ(resend_period1_quantity, 5);
         EXPECT_EQ(resend_period2_timeout, 3600);
         EXPECT_EQ(resend_period2_quantity, 5);
+        EXPECT_FALSE(gps_enable);
+        EXPECT_EQ(tcp_port, 0);
+        EXPECT_EQ(tcp_timeout, 15);
     }
 
     const TempFolder folder_;
@@ -191,6 +194,33 @@ TEST_F(ModemSettingsTest, FoldersBinaryAndMarkedFilesGiveTheDefaults) {
     EXPECT_EQ(outputOf(readSMSset).out.find("Nacitam settings.json\nFailed to parse settings.json\n"), 0U);
     load("{\r\n\"network\": {\"modem\":\r\n{\"speed\": 9600}}\r\n}\r\n");
     EXPECT_EQ(modem_speed, 9600);
+}
+
+TEST_F(ModemSettingsTest, GpsAndTcpRequestsThatAreSwitchedOnAreToldBehindTheSummary) {
+    const std::string start = std::string("Nacitam settings.json\n") + kDefaults;
+    EXPECT_EQ(loadModem("\"gps_enable\": true").out, start + "GPS is switched on\n");
+    EXPECT_TRUE(gps_enable);
+    EXPECT_EQ(tcp_port, 0);
+    EXPECT_EQ(loadModem("\"tcp_port\": 11044").out,
+              start + "TCP requests are switched on: 127.0.0.1:11044, timeout 15 s\n");
+    EXPECT_FALSE(gps_enable);
+    EXPECT_EQ(tcp_port, 11044);
+    EXPECT_EQ(loadModem("\"gps_enable\": true, \"tcp_port\": 65535, \"tcp_timeout\": 60").out,
+              start + "GPS is switched on\nTCP requests are switched on: 127.0.0.1:65535, timeout 60 s\n");
+    EXPECT_EQ(tcp_timeout, 60);
+    EXPECT_EQ(loadModem("\"gps_enable\": false, \"tcp_port\": 0, \"tcp_timeout\": 60").out, start);
+    EXPECT_EQ(loadModem("").out, start);
+    expectDefaults();
+}
+
+TEST_F(ModemSettingsTest, ATcpPortOrTimeoutOutOfRangeIsToldAndKeepsTheDefault) {
+    const Output output = loadModem("\"tcp_port\": 65536, \"tcp_timeout\": -1");
+    const std::string name = "alarmd: " + system_setting + ": ";
+    EXPECT_EQ(output.err, name + "\"tcp_port\" is ignored: out of range\n" + name +
+                              "\"tcp_timeout\" is ignored: out of range\n");
+    EXPECT_EQ(loadModem("\"tcp_port\": -1").err, name + "\"tcp_port\" is ignored: out of range\n");
+    EXPECT_EQ(loadModem("\"tcp_port\": 80, \"tcp_timeout\": 0").err, "");
+    EXPECT_EQ(tcp_timeout, 0);
 }
 
 TEST_F(ModemSettingsTest, LongTextsAreNotCutInTheSummary) {
