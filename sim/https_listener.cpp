@@ -13,6 +13,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "knihovny/mutex.h"
 #include "sim/local_port.h"
@@ -181,7 +182,8 @@ HttpsListener::HttpsListener(const Certificate& certificate, int port, Handler h
         const int on = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     });
-    const auto serve = [this, handler](const httplib::Request& request, httplib::Response& response) {
+    const auto serve = [this, handler = std::move(handler)](const httplib::Request& request,
+                                                            httplib::Response& response) {
         handler(*this, request, response);
     };
     server.Get(".*", serve);

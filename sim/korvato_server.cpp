@@ -172,7 +172,7 @@ void KorvatoServer::change(const AlarmChange& change) {
 
 Behaviour KorvatoServer::takeBehaviour() {
     MutexLock lock(mutex_);
-    const Behaviour taken = behaviour_;
+    Behaviour taken = behaviour_;
     if (behaviour_.times > 0 && --behaviour_.times == 0) behaviour_ = Behaviour();
     return taken;
 }

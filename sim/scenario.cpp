@@ -286,7 +286,7 @@ std::string checkEvent(const Json::Value& event, bool in_scenario) {
     const EventKind* kind = kindOf(event);
     if (!kind) return noKind(event);
     for (const std::string& name : event.getMemberNames()) {
-        const std::string reason = checkMember(*kind, name, event[name], in_scenario);
+        std::string reason = checkMember(*kind, name, event[name], in_scenario);
         if (!reason.empty()) return reason;
     }
     if (in_scenario && !event.isMember("at")) return "\"at\" is missing";
@@ -311,7 +311,7 @@ void readHead(const Json::Value& root, const std::string& name, Scenario& scenar
         } else {
             reason = "\"" + member + "\" is not known; known are duration, project, events";
         }
-        if (!reason.empty()) throw ScenarioError(name + ": " + reason);
+        if (!reason.empty()) throw ScenarioError(std::string(name).append(": ").append(reason));
     }
     scenario.duration = root.get("duration", 0).asDouble();
     scenario.project = root.get("project", "").asString();

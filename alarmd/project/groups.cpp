@@ -56,7 +56,7 @@ GroupEntries jsonEntries(const Json::Value& root) {
     return entries;
 }
 
-void apply(GroupEntries entries) {
+void apply(GroupEntries&& entries) {
     MutexLock lock(project_mutex);
     for (auto& [number, entry] : entries) {
         _group& group = list_group[number];
