@@ -212,19 +212,13 @@ class Daemon(Process):
         return status, time.monotonic() - begin
 
 
-class ServerSim(Process):
-    """The simulated Korvato server (sim/README.md), driven by commands."""
+class Sim(Process):
+    """A program of the simulated plant (sim/README.md), driven by commands."""
 
-    def __init__(self, port=0, project="7", tcp_port=0, scenario=None):
-        arguments = [SERVER_SIM, "--control", "--json-events", "--port", str(port), "--tcp-port", str(tcp_port)]
-        if scenario:
-            arguments += ["--scenario", scenario]
-        else:
-            arguments += ["--project", project]
-        super().__init__(arguments, stdin=subprocess.PIPE)
+    def __init__(self, program, *arguments):
+        super().__init__([program, "--control", "--json-events", *arguments], stdin=subprocess.PIPE)
         self._answers = 0
         self.ready = json.loads(self.out.wait(lambda line: '"event":"ready"' in line)[1])
-        self.port = self.ready["https"]
 
     def command(self, **command):
         """Carries out a command and returns its answer."""
@@ -237,6 +231,19 @@ class ServerSim(Process):
         if not answer["ok"]:
             raise AssertionError("%r: %r" % (command, answer))
         return answer
+
+    def events(self, name):
+        """The events of this name so far."""
+        return [event for event in map(json.loads, self.out.texts()) if event.get("event") == name]
+
+
+class ServerSim(Sim):
+    """The simulated Korvato server."""
+
+    def __init__(self, port=0, project="7", tcp_port=0, scenario=None):
+        what = ["--scenario", scenario] if scenario else ["--project", project]
+        super().__init__(SERVER_SIM, "--port", str(port), "--tcp-port", str(tcp_port), *what)
+        self.port = self.ready["https"]
 
     def alarm(self, number, state="activated", **more):
         return self.command(alarm=number, state=state, **more)
