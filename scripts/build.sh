@@ -6,10 +6,10 @@ build() {
     local preset=$1 log=$2 launcher="" status begin=$SECONDS
     shift 2
     # Objects of an earlier build are taken from ccache where that is installed.
-    if command -v ccache >/dev/null; then launcher="-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"; fi
+    if command -v ccache >/dev/null; then launcher=ccache; fi
     mkdir -p "$(dirname "$log")"
     echo "Building ($preset)"
-    if ! cmake --preset "$preset" $launcher </dev/null >"$log" 2>&1; then
+    if ! cmake --preset "$preset" "-DCMAKE_CXX_COMPILER_LAUNCHER=$launcher" </dev/null >"$log" 2>&1; then
         tail -n 30 "$log" >&2
         echo "Configuring failed; all of it is in $log" >&2
         return 1

@@ -479,6 +479,7 @@ def main():
     parser.add_argument("--bin", required=True)
     parser.add_argument("--keep", action="store_true")
     options = parser.parse_args()
+    sys.stdout.reconfigure(errors="replace")  # for a terminal that cannot show every letter
     signal.signal(signal.SIGINT, signal.default_int_handler)
     demo = Demo(os.path.abspath(options.bin), options.keep)
     demo.start()
