@@ -82,7 +82,7 @@ void reread() {
 
 void runMainLoop() {
     while (!konec) {
-        if (reload) reread();
+        if (reload && !konec) reread();
         if (readok) pollHistory();
         const time_t now = time(nullptr);
         if (last_resend + kResendIntervalSeconds < now) checkResend(now);

@@ -38,8 +38,8 @@ void signalHandler(int sig) {
 }
 
 void handlersigusr1(int /*sig*/) {
-    reload = true;
     requestStop();
+    reload = true;  // behind the stop request: who sees it knows of the stop
     writeOut("Reload", 6);
 }
 
