@@ -10,6 +10,8 @@
 #include "knihovny/mutex.h"
 #include "knihovny/thread3.h"
 
+class ErrorRepeats;
+
 // A serial port (or any other terminal device) with a thread that reads it.
 //
 // The thread opens and sets the device and hands what comes to the Zpracuj... hooks. Any thread may send;
@@ -76,7 +78,7 @@ class ComControl : public Thread3 {
     virtual void ZpracujByte(char* c);  // c[1] is 0
     virtual void ZpracujByte(unsigned char c);
     virtual void ZpracujPacket(int length, const unsigned char* data);
-    // and about every millisecond while there is nothing to read.
+    // and about every 10 ms while there is nothing to read.
     virtual void OnInterval();
     // These are called on the sending thread, while other senders wait.
     virtual void AfterSend();
@@ -100,6 +102,7 @@ class ComControl : public Thread3 {
 
     bool OpenPort() EXCLUDES(mutex_);
     static bool SetComProperties(int descriptor, const Settings& settings);
+    static int readWhenReady(int descriptor, char* data, ErrorRepeats& repeats);
     void readUntilStopped(int descriptor);
     void deliver(int length, char* data);
     std::shared_ptr<Descriptor> port() const EXCLUDES(mutex_);

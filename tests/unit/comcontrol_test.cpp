@@ -609,7 +609,7 @@ TEST_F(ComControlTest, ARepeatedReadErrorIsToldOnce) {
     channel.SetCom(9600, 1, 8, 1, 2, 2, 2, "/proc/self/mem");
     ASSERT_TRUE(channel.Connect());
     const pthread_t thread = channel.threadID();
-    usleep(30000);  // some twenty errors
+    usleep(60000);  // several errors
     EXPECT_TRUE(channel.Disconnect());
     EXPECT_EQ(output(), "Seriovy port otevren\n" + errorLine("SockRead EIO", thread) +
                             errorLine("Comcontrol: chyba v SockReadTimeout\n", thread));
