@@ -120,7 +120,7 @@ class IntoTheMailbox(plant.PlantTest):
         self.start((12, "activated"), users=[phone, *plant.SMALL_USERS])
         (mail,) = self.mails(1)
         self.assertEqual(mail["To"], "jan@plant.example")
-        self.assertEqual(self.daemon.err.count(plant.holding(plant.CLIENT_PATH, "status")), 1)
+        self.daemon.err.wait(plant.holding(plant.CLIENT_PATH, "status"))
 
     def test_alarms_during_an_outage_of_the_server_are_mailed_when_it_is_back(self):
         self.start()

@@ -628,6 +628,12 @@ class PlantTest(unittest.TestCase):
         status = daemon.wait_exit()
         return status, daemon.out.text(), daemon.err.text()
 
+    def first_poll(self, daemon):
+        """The daemon's first request, when its answer is in the log: so is all that start-up has printed."""
+        request = self.server.wait_requests(1)
+        daemon.out.wait(starting("JSON : "))
+        return request
+
     def assert_in_order(self, lines, wanted):
         """Every line of wanted stands in lines, in this order."""
         rest = iter(lines)

@@ -9,13 +9,21 @@ import plant
 FAILED = plant.starting("curl_easy_perform() failed: ")
 
 
-class Polls(plant.PlantTest):
+class HistoryTest(plant.PlantTest):
     def start(self, answer=None):
         self.start_answers(answer)
         self.configure()
         self.project()
         self.daemon = self.start_daemon()
 
+    def answered(self, count):
+        """Waits until the daemon has printed that many answers; returns the request of the last."""
+        request = self.server.wait_requests(count)
+        self.daemon.out.wait(plant.starting("JSON : "), count=count)
+        return request
+
+
+class Polls(HistoryTest):
     def test_the_first_poll_asks_from_the_start_of_the_daemon(self):
         before = int(time.time())
         self.start()
@@ -74,7 +82,7 @@ class Polls(plant.PlantTest):
         base = int(time.time()) + 10
         entries = [plant.entry(14, 1, base), plant.entry(14, 3, base + 1)]
         self.start(lambda n, request: plant.json_answer({"d": entries if n < 2 else []}))
-        self.server.wait_requests(3)
+        self.answered(3)
         self.assertEqual(self.daemon.out.count("---------------NEW ALARM-----------------------"), 2)
         self.assertEqual(len(set(self.server.bodies()[:3])), 1)
 
@@ -82,17 +90,11 @@ class Polls(plant.PlantTest):
         base = int(time.time()) + 10
         entries = [plant.entry(14, n % 2, base + n // 100, n) for n in range(10000)]
         self.start(lambda n, request: plant.json_answer({"d": entries if n == 0 else []}))
-        self.assertIn("start=%d.10000&" % (base + 99), self.server.wait_requests(2).body)
+        self.assertIn("start=%d.10000&" % (base + 99), self.answered(2).body)
         self.assertEqual(self.daemon.out.count("---------------NEW ALARM-----------------------"), 10000)
 
 
-class BadServer(plant.PlantTest):
-    def start(self, answer=None):
-        self.start_answers(answer)
-        self.configure()
-        self.project()
-        self.daemon = self.start_daemon()
-
+class BadServer(HistoryTest):
     def test_without_a_port_each_poll_fails_and_is_told(self):
         self.configure(https_port=None)
         daemon = self.start_daemon()
@@ -148,7 +150,7 @@ class BadServer(plant.PlantTest):
     def test_an_answer_is_cut_at_a_zero_byte(self):
         self.start(lambda n, request: plant.http_answer(b'{"d": []}\0{"d": 7}'))
         self.daemon.out.wait('JSON : {"d": []}')
-        self.server.wait_requests(2)
+        self.answered(2)
         self.assertEqual(self.daemon.out.count("Failed to parse JSON"), 0)
 
     def test_an_answer_of_a_wrong_shape_ends_the_process(self):
@@ -184,7 +186,7 @@ class BadServer(plant.PlantTest):
     def test_a_large_answer_is_taken_whole(self):
         body = '{"d": [], "x": "%s"}' % ("y" * 20000000)
         self.start(lambda n, request: plant.http_answer(body if n == 0 else "{}"))
-        self.server.wait_requests(2)
+        self.answered(2)
         self.assertEqual(self.daemon.out.count("JSON : " + body), 1)
         self.assertEqual(self.daemon.out.count("Failed to parse JSON"), 0)
 

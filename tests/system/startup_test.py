@@ -52,7 +52,7 @@ class CommandLine(plant.PlantTest):
         for name in ("korvato", "msmtp", "sms"):
             os.rename(self.path(name + ".conf"), self.path("my " + name + ".cfg"))
         daemon = self.start_daemon("-c", "my korvato.cfg", "-m", self.path("my msmtp.cfg"), "-s", "my sms.cfg")
-        self.server.wait_requests(1)
+        self.first_poll(daemon)
         self.assertNotIn("Nelze otevrit konfiguracni soubor", daemon.out.text())
 
 
@@ -91,7 +91,7 @@ class TestMail(plant.PlantTest):
         self.configure()
         client = self.fake_client()
         daemon = self.start_daemon("-t", "")
-        self.server.wait_requests(1)
+        self.first_poll(daemon)
         self.assertNotIn("Posilam testovaci mail...", daemon.out.text())
         self.assertEqual(client.runs(), 0)
 
@@ -124,7 +124,7 @@ class Configuration(plant.PlantTest):
         self.configure()
         self.project()
         daemon = self.start_daemon()
-        self.server.wait_requests(1)
+        self.first_poll(daemon)
         expected = (
             "Reading korvato.conf \nReading msmtp.conf \nReading sms.conf \n"
             "Nacitam groups.json\nNacitam cas.json\nNacitam setting.json\nProject ID: 7\nNacitam user.json\n"
@@ -159,6 +159,7 @@ class Configuration(plant.PlantTest):
         self.write_settings({"network": {"modem": {"speed": "fast", "smspeermin": 3}}})
         daemon = self.start_daemon()
         daemon.out.wait(DEFAULT_SETTINGS.replace("peer minut = 10", "peer minut = 3"))
+        self.assertEqual(daemon.stop()[0], 0)
         told = [line for line in daemon.out.texts() + daemon.err.texts() if "speed" in line]
         self.assertEqual(len(told), 1, told)
 
@@ -191,7 +192,7 @@ class ProjectFiles(plant.PlantTest):
         self.project()
         self.write_csv()
         daemon = self.start_daemon()
-        request = self.server.wait_requests(1)
+        request = self.first_poll(daemon)
         text = daemon.out.text()
         for name in ("groups.csv", "cas.csv", "setting.txt", "list.acc"):
             self.assertNotIn("Nacitam " + name, text)
@@ -202,7 +203,7 @@ class ProjectFiles(plant.PlantTest):
         self.start_answers()
         self.write_csv()
         daemon = self.start_daemon()
-        request = self.server.wait_requests(1)
+        request = self.first_poll(daemon)
         expected = (
             "Reading korvato.conf \nReading msmtp.conf \nReading sms.conf \n"
             + self.project_folder + "/groups.csv\nNacitam groups.csv\nPrse file groups.csv\n"
@@ -254,7 +255,7 @@ class ProjectFiles(plant.PlantTest):
         for name in ("groups", "cas", "users"):
             self.write("project/%s.json" % name, "[{\"id\": 1,")
         daemon = self.start_daemon()
-        self.server.wait_requests(1)
+        self.first_poll(daemon)
         self.assert_in_order(daemon.out.texts(), [
             "Failed to JSON parse groups.json", "Failed to JSON parse cas.json", "Failed to JSON parse users.json",
             "=> List list_group struct", "-----------------------------------------"])
@@ -264,22 +265,21 @@ class ProjectFiles(plant.PlantTest):
         for name in ("groups.json", "cas.json", "users.json"):
             os.mkdir(self.path("project", name))
         self.write("project/setting.json", {"projectID": 1})
-        self.start_daemon()
-        self.server.wait_requests(1)
+        self.first_poll(self.start_daemon())
 
     def test_a_folder_in_place_of_a_csv_file_ends_its_loader(self):
         self.start_answers()
         for name in ("groups.csv", "cas.csv", "list.acc", "setting.txt"):
             os.mkdir(self.path("project", name))
-        self.start_daemon()
-        self.server.wait_requests(1)
+        self.first_poll(self.start_daemon())
 
     def test_a_group_number_out_of_range_is_told_and_ignored(self):
         self.start_answers()
         self.project(groups=[{"groupNo": 12, "name": "Far"}, {"groupNo": -1, "name": "Under"},
                              {"groupNo": 3, "name": "Three"}])
         daemon = self.start_daemon()
-        self.server.wait_requests(1)
+        self.first_poll(daemon)
+        self.assertEqual(daemon.stop()[0], 0)
         both = daemon.out.texts() + daemon.err.texts()
         self.assertTrue(any("12" in line and "group" in line.lower() for line in both), both)
         self.assertTrue(any("-1" in line and "group" in line.lower() for line in both), both)
