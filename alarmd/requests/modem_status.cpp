@@ -1,0 +1,4 @@
+#include "alarmd/requests/modem_status.h"
+
+Mutex status_mutex;
+_status status;
