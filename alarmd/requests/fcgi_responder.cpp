@@ -1,0 +1,102 @@
+#include "alarmd/requests/fcgi_responder.h"
+
+#include <fcgiapp.h>
+#include <fcgios.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "alarmd/alarmd.h"
+#include "alarmd/requests/answers.h"
+#include "alarmd/requests/daemon_state.h"
+#include "alarmd/requests/fcgi_library.h"
+#include "knihovny/debugerror.h"
+#include "knihovny/generalfce.h"
+
+namespace {
+
+constexpr long kRetrySeconds = 1;
+constexpr int kNoPort = -1;
+constexpr char kHeader[] = "\n";
+
+// Printed before anything is done about the request. Nothing else looks at the query.
+void printRequest(const FcgiLibrary& library) {
+    const std::string query = library.param("QUERY_STRING");
+    std::string lines;
+    AppendLine(lines, "FCGI: QUERY_STRING: ", query, " , URI: ", library.param("REQUEST_URI"));
+    AppendLine(lines, "FCGI: QUERY_STRING after decode: ", urldecode(query), " ");
+    Print(lines);
+}
+
+bool hasBody(const FcgiLibrary& library) {
+    return strtoll(library.param("CONTENT_LENGTH").c_str(), nullptr, 10) > 0;
+}
+
+Answer answerTo(FcgiLibrary& library, bool too_long) {
+    if (too_long) return answerTooLongRequest();
+    if (!hasBody(library)) return {};
+    const std::string text = library.body();
+    PrintLine("POST DATA: ", text);
+    return answerFcgiRequest(text, takeRequestState());
+}
+
+void serve(FcgiLibrary& library, bool too_long) {
+    printRequest(library);
+    const Answer answer = answerTo(library, too_long);
+    if (!answer.log.empty()) Print(answer.log);
+    if (!answer.body.empty()) library.write(kHeader + answer.body);
+    carryOut(answer, ip, kNoPort);
+}
+
+// False when konec is set before the port is free.
+bool listenOnPort(FcgiGate& gate) {
+    bool told = false;
+    while (!konec) {
+        const int error = gate.listenOn(kFcgiPort);
+        if (error == 0) {
+            if (told) PrintErrorLine("alarmd: FastCGI requests are answered on 127.0.0.1:", kFcgiPort);
+            return true;
+        }
+        if (!told) {
+            PrintErrorLine("alarmd: no FastCGI requests are answered: 127.0.0.1:", kFcgiPort, ": ",
+                           strerror(error), "; trying again every second");
+        }
+        told = true;
+        MySleep(kRetrySeconds, 0);
+    }
+    return false;
+}
+
+void printEnd() {
+    PrintLine("Koncim vlakno FCGI.");
+}
+
+}  // namespace
+
+void serveRequests(FcgiGate& gate) {
+    {
+        FcgiLibrary library;
+        while (!konec) {
+            const FcgiRequest request = gate.next();
+            const bool accepted = library.accept(request);
+            if (accepted && !konec) serve(library, request.too_long);
+            gate.answer(library.finish());
+            if (!accepted) MySleep(kRetrySeconds, 0);
+        }
+    }
+    OS_LibShutdown();
+    printEnd();
+}
+
+void fcgi_run() {
+    PrintLine("Starting FCGI thread.");
+    FCGX_Init();
+    FcgiGate gate(kLongestRequest);
+    if (listenOnPort(gate)) {
+        serveRequests(gate);
+    } else {
+        OS_LibShutdown();
+        printEnd();
+    }
+}

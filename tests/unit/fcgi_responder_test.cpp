@@ -1,0 +1,503 @@
+#include "alarmd/requests/fcgi_responder.h"
+
+#include <fcgiapp.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+#include "alarmd/alarmd.h"
+#include "alarmd/requests/answers.h"
+#include "alarmd/sms/modem.h"
+#include "alarmd/sms/sms_sending.h"
+#include "tests/unit/fcgi_client.h"
+#include "tests/unit/project_files.h"
+
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr char kDisabled[] = "\n{\"r\":55,\"s\":1}\n";
+constexpr char kNoAnswer[] = "";
+constexpr char kParseFailure[] = "\n{\"s\":0, \"err\":\"Failed to parse JSON\"}";
+
+void resetState() {
+    konec = false;
+    disable_notification = false;
+    gps_enable = false;
+    sms_counter = 0;
+    fronta_sms_raw.clear();
+    {
+        MutexLock lock(gps_mutex);
+        gps_data = _gps_data();
+        gps_data_parse = _gps_data_parse();
+    }
+    MutexLock lock(last_sms_mutex);
+    last_sms = _last_sms();
+}
+
+// A responder on a port of its own; its log is captured.
+class FcgiResponderTest : public testing::Test {
+  protected:
+    FcgiResponderTest() {
+        resetState();
+        FCGX_Init();
+        EXPECT_EQ(gate_.listenOn(0), 0);
+        testing::internal::CaptureStdout();
+        thread_ = std::thread([this] {
+            serveRequests(gate_);
+            ended_ = true;
+        });
+    }
+    ~FcgiResponderTest() override {
+        stop();
+        resetState();
+    }
+
+    int port() const { return gate_.listeningPort(); }
+
+    fcgi::Response ask(std::string_view body) const { return fcgi::ask(port(), body); }
+
+    // Ends the responder, which takes one more request unless it is just about to look at konec. Returns all
+    // that was printed.
+    std::string stop() {
+        if (!thread_.joinable()) return "";
+        konec = true;
+        const fcgi::Client last(port());
+        last.say(fcgi::request(R"({"t":56})"));
+        thread_.join();
+        return testing::internal::GetCapturedStdout();
+    }
+
+    FcgiGate gate_{kLongestRequest};
+    std::atomic<bool> ended_{false};
+    std::thread thread_;
+};
+
+std::string logOf(const std::string& query, const std::string& decoded) {
+    return "FCGI: QUERY_STRING: " + query + " , URI: /alarmd\nFCGI: QUERY_STRING after decode: " + decoded +
+           " \n";
+}
+
+double secondsSince(steady_clock::time_point start) {
+    return std::chrono::duration<double>(steady_clock::now() - start).count();
+}
+
+TEST_F(FcgiResponderTest, AnAnswerIsABareLineFeedAndTheBody) {
+    const fcgi::Response response = ask(R"({"t":55})");
+    EXPECT_EQ(response.out, kDisabled);
+    EXPECT_EQ(response.err, "");
+    EXPECT_TRUE(response.ended);
+    EXPECT_TRUE(response.complete);
+    EXPECT_TRUE(disable_notification);
+    EXPECT_EQ(ask(R"({"t":56})").out, "\n{\"r\":56,\"s\":1}\n");
+    EXPECT_FALSE(disable_notification);
+    EXPECT_EQ(stop(), logOf("", "") +
+                          "POST DATA: {\"t\":55}\nRequest protocol 55 (Disable notification)\n"
+                          "Response: {\"r\":55,\"s\":1}\n\n" +
+                          logOf("", "") +
+                          "POST DATA: {\"t\":56}\nRequest protocol 56 (Enable notification)\n"
+                          "Response: {\"r\":56,\"s\":1}\n\nKoncim vlakno FCGI.\n");
+}
+
+TEST_F(FcgiResponderTest, AStopTakesEffectWithTheNextRequestWhichIsNotRun) {
+    usleep(100000);  // for the responder to wait
+    konec = true;
+    const fcgi::Client silent(port());
+    usleep(100000);
+    EXPECT_FALSE(ended_);
+    const fcgi::Response response = ask(R"({"t":55})");
+    EXPECT_TRUE(response.ended);
+    EXPECT_EQ(response.out, kNoAnswer);
+    EXPECT_EQ(stop(), "Koncim vlakno FCGI.\n");
+    EXPECT_FALSE(disable_notification);
+}
+
+TEST_F(FcgiResponderTest, AnSmsIsQueuedInTheDaemonsName) {
+    EXPECT_EQ(ask(R"({"t":50,"number":"+420603123456","text":"%n%s%x"})").out, "\n{\"s\":1,\"r\":50}\n");
+    _sms_raw message;
+    ASSERT_TRUE(fronta_sms_raw.take(message));
+    EXPECT_EQ(message.number, "+420603123456");
+    EXPECT_EQ(message.text, "%n%s%x");
+    EXPECT_EQ(message.from_ip, "127.0.0.1");
+    EXPECT_EQ(message.from_port, -1);
+    EXPECT_TRUE(fronta_sms_raw.empty());
+}
+
+TEST_F(FcgiResponderTest, TheDaemonsStateIsTold) {
+    sms_counter = 7;
+    gps_enable = true;
+    {
+        MutexLock lock(last_sms_mutex);
+        last_sms = {12, "+420", "text"};
+    }
+    {
+        MutexLock lock(gps_mutex);
+        gps_data.GPGGA = "$GPGGA*56";
+        gps_data.GPGSA = "$GPGSA,x*16";
+        gps_data.GPRMC = "$GPRMC*4B";
+        gps_data.GPVTG = "$GPVTG*52";
+    }
+    EXPECT_NE(ask(R"({"t":51})").out.find("\"SMSCOUNT\":\"7\""), std::string::npos);
+    EXPECT_EQ(ask(R"({"t":52})").out,
+              "\n{\"r\":52,\"s\":1,\"d\":{\"GGA\":\"$GPGGA*56\",\"GSA\":\"$GPGSA,x*16\",\"RMC\":"
+              "\"$GPRMC*4B\",\"VTG\":\"$GPVTG*52\",\"GSV\":[]}}\n");
+    EXPECT_EQ(ask(R"({"t":54})").out,
+              "\n{\"r\":54,\"s\":1,\"d\":{\"Timestamp\":12,\"From\":\"+420\",\"Text\":\"text\"}}\n");
+    EXPECT_EQ(
+        ask(R"({"t":53})").out,
+        "\n{\"r\":53,\"s\":1,\"d\":{\"GGA\":\"\",\"GSA\":\"x\",\"RMC\":\"\",\"VTG\":\"\",\"GSV\":\"\"}}\n");
+    MutexLock lock(gps_mutex);
+    EXPECT_EQ(gps_data_parse.GPGSA, "x");
+}
+
+TEST_F(FcgiResponderTest, TheQueryIsDecodedAndOnlyPrinted) {
+    const fcgi::Client client(port());
+    client.say(fcgi::begin() + fcgi::stream(fcgi::kParams, fcgi::params(0, "a=%41+%zz&%s%n")));
+    EXPECT_EQ(fcgi::parse(client.hearAll()).out, kNoAnswer);
+    EXPECT_EQ(stop(), logOf("a=%41+%zz&%s%n", "a=A z&") + "Koncim vlakno FCGI.\n");
+}
+
+TEST_F(FcgiResponderTest, ARequestWithoutBodyGetsNoContentAtAll) {
+    const fcgi::Response response = ask("");
+    EXPECT_EQ(response.out, kNoAnswer);
+    EXPECT_TRUE(response.ended);
+    // No length is a length of 0, and a body that comes nevertheless is not read.
+    for (const char* value : {"", "0", "-1", "abc"}) {
+        const fcgi::Client client(port());
+        client.say(fcgi::begin() + fcgi::stream(fcgi::kParams, fcgi::pair("CONTENT_LENGTH", value)) +
+                   fcgi::stream(fcgi::kStdin, R"({"t":55})"));
+        EXPECT_EQ(fcgi::parse(client.hearAll()).out, kNoAnswer) << value;
+    }
+    const fcgi::Client client(port());
+    client.say(fcgi::begin() + fcgi::stream(fcgi::kParams, "") + fcgi::stream(fcgi::kStdin, R"({"t":55})"));
+    EXPECT_TRUE(client.hear().ended);
+    EXPECT_FALSE(disable_notification);
+    EXPECT_EQ(stop().find("POST DATA"), std::string::npos);
+}
+
+TEST_F(FcgiResponderTest, AnUnknownProtocolGetsNoContentAtAll) {
+    EXPECT_EQ(ask(R"({"t":57})").out, kNoAnswer);
+    EXPECT_EQ(ask("{}").out, kNoAnswer);
+}
+
+TEST_F(FcgiResponderTest, ABodyThatIsNoJsonGetsTheParseFailure) {
+    EXPECT_EQ(ask("not json").out, kParseFailure);
+    EXPECT_EQ(ask(R"({"t":"55"})").out, kParseFailure);
+    EXPECT_EQ(
+        stop(),
+        logOf("", "") +
+            "POST DATA: not json\nFailed to parse JSON\n* Line 1, Column 1\n  Syntax error: value, object "
+            "or array expected.\n\n" +
+            logOf("", "") + "POST DATA: {\"t\":\"55\"}\nFailed to parse JSON\n* \"t\" is no integer\n\n" +
+            "Koncim vlakno FCGI.\n");
+}
+
+TEST_F(FcgiResponderTest, ABodyOfOneMebibyteIsReadAndALongerOneNot) {
+    std::string body = R"({"t":55})";
+    body.resize(kLongestRequest, ' ');
+    EXPECT_EQ(ask(body).out, kDisabled);
+    body += ' ';
+    EXPECT_EQ(ask(body).out, kParseFailure);
+    body.resize(8 * kLongestRequest, ' ');
+    EXPECT_EQ(ask(body).out, kParseFailure);
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+}
+
+TEST_F(FcgiResponderTest, ManyParametersAreNoTrouble) {
+    std::string params = fcgi::params(8);
+    while (params.size() < 60000) params += fcgi::pair("HTTP_X_FILE", std::string(500, '%'));
+    for (int i = 0; i < 3; ++i) {
+        const fcgi::Client client(port());
+        client.say(fcgi::begin() + fcgi::stream(fcgi::kParams, params, 1000, 7) +
+                   fcgi::stream(fcgi::kStdin, R"({"t":55})"));
+        EXPECT_EQ(fcgi::parse(client.hearAll()).out, kDisabled);
+        const fcgi::Client bodiless(port());
+        bodiless.say(fcgi::begin() +
+                     fcgi::stream(fcgi::kParams, params.substr(fcgi::pair("CONTENT_LENGTH", "8").size())) +
+                     fcgi::stream(fcgi::kStdin, ""));
+        EXPECT_EQ(fcgi::parse(bodiless.hearAll()).out, kNoAnswer);
+    }
+}
+
+TEST_F(FcgiResponderTest, AConnectionThatIsToBeKeptServesRequestAfterRequest) {
+    const fcgi::Client client(port());
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(client.say(fcgi::request(i % 2 == 0 ? R"({"t":55})" : R"({"t":56})", true)));
+        const fcgi::Response response = client.hear();
+        ASSERT_TRUE(response.ended);
+        EXPECT_EQ(response.out, i % 2 == 0 ? kDisabled : "\n{\"r\":56,\"s\":1}\n");
+    }
+    // It keeps nobody else out, and goes when it is not asked for again.
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+    client.say(fcgi::request(R"({"t":56})"));
+    EXPECT_EQ(fcgi::parse(client.hearAll()).out, "\n{\"r\":56,\"s\":1}\n");
+}
+
+TEST_F(FcgiResponderTest, FiftyClientsAtOnceAreAllAnswered) {
+    std::vector<fcgi::Client> clients;
+    for (int i = 0; i < 50; ++i) clients.emplace_back(port());
+    for (const fcgi::Client& client : clients)
+        client.say(fcgi::request(R"({"t":50,"number":"1","text":"x"})"));
+    for (const fcgi::Client& client : clients) {
+        EXPECT_EQ(fcgi::parse(client.hearAll()).out, "\n{\"s\":1,\"r\":50}\n");
+    }
+    EXPECT_EQ(fronta_sms_raw.size(), 50);
+}
+
+TEST_F(FcgiResponderTest, TenThousandRequestsInARowLeaveNothingBehind) {
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator());
+    };
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+    const auto before = descriptors();
+    for (int i = 0; i < 10000; ++i) {
+        const fcgi::Client client(port());
+        client.say(fcgi::request(R"({"t":55})"));
+        ASSERT_EQ(fcgi::parse(client.hearAll()).out, kDisabled) << i;
+    }
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+    EXPECT_LE(descriptors(), before + 1);
+}
+
+TEST_F(FcgiResponderTest, GarbageEndsItsConnectionAndNothingElse) {
+    const std::string names = [] {
+        std::string pairs;
+        for (int i = 0; i < 100; ++i) pairs += fcgi::pair("FCGI_MPXS_CONNS", "");
+        return pairs;
+    }();
+    for (const std::string& garbage :
+         {binaryBytes(), std::string(100000, '\0'), std::string(100000, '\1'),
+          std::string("GET / HTTP/1.1\r\n\r\n"), fcgi::record(fcgi::kGetValues, names, 0),
+          fcgi::begin() + fcgi::record(fcgi::kGetValues, names, 0),
+          fcgi::begin() + fcgi::stream(fcgi::kParams, fcgi::params(8)) +
+              fcgi::record(fcgi::kGetValues, names, 0),
+          fcgi::begin() +
+              fcgi::stream(fcgi::kParams, std::string("\xff\xff\xff\xfe\xff\xff\xff\xfe", 8) + "name")}) {
+        const fcgi::Client client(port());
+        client.say(garbage);
+        EXPECT_TRUE(client.closedWithin(5000));
+    }
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+}
+
+TEST_F(FcgiResponderTest, AClientThatLeavesInTheMiddleHasAskedNothing) {
+    const std::string request = fcgi::request(R"({"t":55})");
+    for (size_t length = 0; length + 8 < request.size(); ++length) {
+        const fcgi::Client client(port());
+        client.say(request.substr(0, length));
+    }
+    {
+        const fcgi::Client client(port());
+        client.say(fcgi::begin() + fcgi::stream(fcgi::kParams, fcgi::params(100)) +
+                   fcgi::record(fcgi::kStdin, R"({"t":55})"));
+    }
+    EXPECT_EQ(ask("{}").out, kNoAnswer);
+    EXPECT_FALSE(disable_notification);
+    EXPECT_EQ(stop().find("t\":55"), std::string::npos);
+}
+
+TEST_F(FcgiResponderTest, AClientThatDoesNotWaitForItsAnswerHasAskedAllTheSame) {
+    for (int i = 0; i < 100; ++i) {
+        const fcgi::Client client(port());
+        client.say(fcgi::request(R"({"t":50,"number":"1","text":"x"})"));
+    }
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+    EXPECT_EQ(fronta_sms_raw.size(), 100);
+}
+
+TEST_F(FcgiResponderTest, ClientsThatSayNothingKeepNobodyWaiting) {
+    std::vector<fcgi::Client> silent;
+    for (int i = 0; i < 50; ++i) silent.emplace_back(port());
+    for (size_t i = 0; i < 25; ++i) silent[i].say(fcgi::request(R"({"t":55})").substr(0, 4 * i));
+    const auto start = steady_clock::now();
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+    EXPECT_LT(secondsSince(start), 5);
+    // Nor do they stay for ever, even when they go on byte by byte.
+    const std::string endless = fcgi::begin() + fcgi::record(fcgi::kParams, std::string(1000, 'x'));
+    const fcgi::Client slow(port());
+    bool open = true;
+    for (size_t i = 0; i < endless.size() && open && secondsSince(start) < 30; ++i) {
+        slow.say(endless.substr(i, 1));
+        open = !slow.closedWithin(100);
+    }
+    EXPECT_FALSE(open);
+    EXPECT_GT(secondsSince(start), 8);
+    for (const fcgi::Client& client : silent) EXPECT_TRUE(client.closedWithin(1000));
+}
+
+TEST_F(FcgiResponderTest, ClientsBeyondTheMostThatAreServedAtOnceComeInTurn) {
+    std::vector<fcgi::Client> leaving;
+    std::vector<fcgi::Client> staying;
+    for (int i = 0; i < 100; ++i) leaving.emplace_back(port());
+    for (int i = 0; i < 100; ++i) staying.emplace_back(port());
+    leaving.clear();
+    const auto start = steady_clock::now();
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+    EXPECT_LT(secondsSince(start), 10);
+}
+
+TEST_F(FcgiResponderTest, AClientThatNeverReadsKeepsNobodyWaiting) {
+    gps_enable = true;
+    {
+        MutexLock lock(gps_mutex);
+        for (std::string& sentence : gps_data.GPGSV) sentence = std::string(1000, '%') + "s";
+        gps_data.GPGSV_count = 31;
+    }
+    const fcgi::Client client(port());
+    const std::string requests = [] {
+        std::string bytes;
+        for (int i = 0; i < 20; ++i) bytes += fcgi::request(R"({"t":52})", true);
+        return bytes;
+    }();
+    const int small = 4096;
+    setsockopt(client.descriptor(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    for (int i = 0; i < 5; ++i) client.say(requests);
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+}
+
+TEST_F(FcgiResponderTest, TheLongestAnswerArrivesWhole) {
+    gps_enable = true;
+    {
+        MutexLock lock(gps_mutex);
+        for (std::string& sentence : gps_data.GPGSV) sentence = std::string(1000, 'x');
+        gps_data.GPGSV[31] = "%s" + std::string(1000, 'x');
+        gps_data.GPGSV_count = 31;
+    }
+    for (int i = 0; i < 3; ++i) {
+        const fcgi::Response response = ask(R"({"t":52})");
+        EXPECT_TRUE(response.complete);
+        EXPECT_GT(response.out.size(), 2 * 31000U);
+        EXPECT_TRUE(response.out.ends_with("\"]}}\n"));
+    }
+}
+
+TEST_F(FcgiResponderTest, ItLivesThroughAProcessWithoutFreeDescriptors) {
+    const fcgi::Client early(port());
+    early.say(fcgi::begin());
+    EXPECT_EQ(ask(R"({"t":56})").out, "\n{\"r\":56,\"s\":1}\n");
+    const fcgi::Client client(port());
+    std::vector<std::unique_ptr<Descriptor>> taken;
+    int descriptor;
+    while ((descriptor = dup(0)) >= 0) taken.push_back(std::make_unique<Descriptor>(descriptor));
+    client.say(fcgi::request(R"({"t":55})"));
+    early.say(fcgi::stream(fcgi::kParams, fcgi::params(8)) + fcgi::stream(fcgi::kStdin, R"({"t":55})"));
+    EXPECT_EQ(fcgi::parse(early.hearAll()).out, kDisabled);
+    taken.clear();
+    EXPECT_EQ(fcgi::parse(client.hearAll()).out, kDisabled);
+}
+
+// The reference client of the library's own makers.
+std::string cgiFcgi(int to_port, const std::string& body) {
+    const TempFolder folder;
+    const std::string input = folder.write("body", body);
+    const std::string command =
+        "env -i PATH=\"$PATH\" REQUEST_METHOD=POST QUERY_STRING=a=1 REQUEST_URI=/alarmd CONTENT_LENGTH=" +
+        std::to_string(body.size()) + " cgi-fcgi -bind -connect 127.0.0.1:" + std::to_string(to_port) + " <" +
+        input;
+    std::string out;
+    FILE* const pipe = popen(command.c_str(), "r");
+    char block[4096];
+    size_t count;
+    while ((count = fread(block, 1, sizeof block, pipe)) > 0) out.append(block, count);
+    pclose(pipe);
+    return out;
+}
+
+TEST_F(FcgiResponderTest, CgiFcgiGetsItsAnswers) {
+    if (system("command -v cgi-fcgi >/dev/null") != 0) GTEST_SKIP() << "cgi-fcgi is not installed";
+    EXPECT_EQ(cgiFcgi(port(), R"({"t":55})"), kDisabled);
+    EXPECT_TRUE(disable_notification);
+    EXPECT_EQ(cgiFcgi(port(), R"({"t":50,"number":"1","text":"x"})"), "\n{\"s\":1,\"r\":50}\n");
+    EXPECT_EQ(cgiFcgi(port(), R"({"t":52})"), "\n{\"r\":52,\"s\":0,\"err\":\"GPS disabled\"}\n");
+    EXPECT_EQ(cgiFcgi(port(), "not json"), kParseFailure);
+    EXPECT_EQ(cgiFcgi(port(), ""), kNoAnswer);
+    EXPECT_EQ(cgiFcgi(port(), R"({"t":99})"), kNoAnswer);
+    EXPECT_EQ(cgiFcgi(port(), std::string(200000, ' ') + R"({"t":56})"), "\n{\"r\":56,\"s\":1}\n");
+}
+
+// The daemon's own thread, on its own port: for a machine, or a network namespace, where that is free.
+bool portIsFree() {
+    FcgiGate gate(kLongestRequest);
+    return gate.listenOn(kFcgiPort) == 0;
+}
+
+class FcgiThreadTest : public testing::Test {
+  protected:
+    FcgiThreadTest() { resetState(); }
+    ~FcgiThreadTest() override { resetState(); }
+
+    static bool answers() {
+        try {
+            return fcgi::ask(kFcgiPort, R"({"t":55})").ended;
+        } catch (const std::runtime_error&) {
+            return false;
+        }
+    }
+    // Does nothing when the thread has gone already.
+    static void oneMoreRequest() {
+        try {
+            const fcgi::Client client(kFcgiPort);
+            client.say(fcgi::request(R"({"t":56})"));
+            client.hear();
+        } catch (const std::runtime_error&) {
+        }
+    }
+    static void waitUntilItAnswers() {
+        for (int look = 0; look < 1000 && !answers(); ++look) usleep(10000);
+    }
+};
+
+TEST_F(FcgiThreadTest, TheThreadServesItsPortAndEndsWithTheFirstRequestAfterTheStop) {
+    if (!portIsFree()) GTEST_SKIP() << "port " << kFcgiPort << " is taken on this machine";
+    const Output output = outputOf([] {
+        MyThreadFCGI thread;
+        thread.NastavUkonceni(&konec);
+        thread.Start(0);
+        waitUntilItAnswers();
+        konec = true;
+        oneMoreRequest();
+        thread.Stop();
+    });
+    EXPECT_EQ(output.out, "Starting FCGI thread.\n" + logOf("", "") +
+                              "POST DATA: {\"t\":55}\nRequest protocol 55 (Disable notification)\n"
+                              "Response: {\"r\":55,\"s\":1}\n\nKoncim vlakno FCGI.\n");
+    EXPECT_EQ(output.err, "");
+}
+
+TEST_F(FcgiThreadTest, APortThatIsTakenIsToldOnceAndTriedAgain) {
+    auto other = std::make_unique<FcgiGate>(kLongestRequest);
+    if (other->listenOn(kFcgiPort) != 0) GTEST_SKIP() << "port " << kFcgiPort << " is taken on this machine";
+    const Output output = outputOf([&] {
+        MyThreadFCGI thread;
+        thread.Start(0);
+        usleep(1500000);
+        other.reset();
+        waitUntilItAnswers();
+        konec = true;
+        oneMoreRequest();
+        thread.Stop();
+    });
+    EXPECT_EQ(output.err,
+              "alarmd: no FastCGI requests are answered: 127.0.0.1:11032: Address already in use; trying "
+              "again every "
+              "second\nalarmd: FastCGI requests are answered on 127.0.0.1:11032\n");
+}
+
+TEST_F(FcgiThreadTest, AStopEndsTheThreadThatWaitsForItsPort) {
+    FcgiGate other(kLongestRequest);
+    if (other.listenOn(kFcgiPort) != 0) GTEST_SKIP() << "port " << kFcgiPort << " is taken on this machine";
+    const Output output = outputOf([] {
+        MyThreadFCGI thread;
+        thread.Start(0);
+        konec = true;
+        thread.Stop();
+    });
+    EXPECT_EQ(output.out, "Starting FCGI thread.\nKoncim vlakno FCGI.\n");
+}
+
+}  // namespace
