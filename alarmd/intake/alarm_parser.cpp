@@ -93,16 +93,22 @@ void appendAlarm(std::string& log) {
     AppendLine(log, "--------------------------------------------");
 }
 
-// Queues and prints the alarm in alarm_tag when its state is newer than the start point. log is room that
-// serves for all entries of an answer: one for each would have the allocator tidy up among the parsed values
-// every time.
+// What is printed of an answer's entries, in portions: one write for each entry would cost as much as reading
+// it.
+constexpr size_t kLogPortion = 16384;
+
+void printPortion(std::string& log) {
+    Print(log);
+    log.clear();
+}
+
+// Queues the alarm in alarm_tag, and adds it to the log, when its state is newer than the start point.
 void takeIfNew(std::string& log) {
     const TimeTriple* time = eventTime();
     if (!time || !(instant(*time) > instant(last_timestamp, last_timestamp_ms))) return;
-    log.clear();
     uloz_alarm(alarm_tag.stat, log);
     appendAlarm(log);
-    Print(log);
+    if (log.size() >= kLogPortion) printPortion(log);
 }
 
 // The next poll begins one microsecond behind the alarm in alarm_tag.
@@ -124,10 +130,11 @@ const Json::Value& entriesOf(const Json::Value& answer) {
     }
 }
 
-void tryReadEntry(const Json::Value& entry, Json::ArrayIndex i) {
+void tryReadEntry(const Json::Value& entry, Json::ArrayIndex i, std::string& log) {
     try {
         readEntry(entry);
     } catch (const Json::Exception& error) {
+        printPortion(log);
         endOnWrongShape("entry " + std::to_string(i), error);
     }
 }
@@ -160,9 +167,10 @@ void json_parse(const char* text) {
     Json::ArrayIndex i = 0;
     // Going from entry to entry is cheaper than looking each one up by its index.
     for (const Json::Value& entry : entries) {
-        tryReadEntry(entry, i);
+        tryReadEntry(entry, i, log);
         copyDefinitionTexts();
         takeIfNew(log);
         if (++i == size) moveStartPoint();
     }
+    printPortion(log);
 }
