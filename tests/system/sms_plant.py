@@ -1,5 +1,6 @@
 """What the tests of SMS share: the simulated modem, the server's raw port, a project with phones, a clock to set."""
 
+import glob
 import json
 import os
 import re
@@ -13,7 +14,6 @@ import plant
 MODEM_SIM = os.path.join(plant.BIN, "gsm-modem-sim")
 MODEM_PORT = "/dev/ttyModem2"  # the daemon's default
 SERVER_PORT = 11010
-FAKE_CLOCK = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"
 
 JAN, GRETA, EVE, STRANGER = "+420601000001", "+420601000002", "+420601000003", "+420777777777"
 CENTRE = "+420603052000"
@@ -199,12 +199,13 @@ class SmsTest(plant.PlantTest):
     def fake_clock(self):
         """An environment in which set_clock() moves the time of day (not the pauses)."""
         linked = subprocess.run(["ldd", plant.ALARMD], capture_output=True, text=True).stdout
-        if not os.path.exists(FAKE_CLOCK):
+        libraries = glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
+        if not libraries:
             self.skipTest("libfaketime is not installed")
         if "libasan" in linked or "libtsan" in linked:
             self.skipTest("a preloaded clock and a sanitizer do not go together")
         self.set_clock(0)
-        return {**os.environ, "LD_PRELOAD": FAKE_CLOCK, "FAKETIME_TIMESTAMP_FILE": self.path("offset"),
+        return {**os.environ, "LD_PRELOAD": libraries[0], "FAKETIME_TIMESTAMP_FILE": self.path("offset"),
                 "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
 
     def set_clock(self, seconds):
