@@ -8,11 +8,14 @@
 
 #include "alarmd/alarmd.h"
 #include "alarmd/command_line.h"
+#include "alarmd/gps/gps_thread.h"
 #include "alarmd/intake/history_poll.h"
 #include "alarmd/intake/notification_queues.h"
 #include "alarmd/intake/server_line.h"
 #include "alarmd/mail/mail.h"
 #include "alarmd/mail/mail_thread.h"
+#include "alarmd/requests/fcgi_responder.h"
+#include "alarmd/requests/tcp_request_server.h"
 #include "alarmd/settings/config.h"
 #include "alarmd/settings/modem_settings.h"
 #include "alarmd/signals.h"
@@ -28,6 +31,10 @@ constexpr long kSettleNanoseconds = 50000000;
 
 std::unique_ptr<MyThread> th;    // mail
 std::unique_ptr<MyThread2> th2;  // SMS
+std::unique_ptr<MyThread3> th_gps;
+
+// Never destroyed: the responder waits for one more request, and the process does not wait for that.
+MyThreadFCGI* th_fcgi = nullptr;
 
 // A descriptor 0, 1 or 2 that is closed would be taken by the next file or socket, and the log would go into
 // it.
@@ -40,14 +47,28 @@ void openStandardDescriptors() {
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
 
-void startWorkers() {
-    th = std::make_unique<MyThread>();
-    th->NastavUkonceni(&konec);
-    th->Start(0);
-    if (!sms) return;
+void startSmsThread() {
+    if (gps_enable) modem_ready = nastavGPS;
     th2 = std::make_unique<MyThread2>();
     th2->NastavUkonceni(&konec);
     th2->Start(0);
+}
+
+void startGpsThread() {
+    th_gps = std::make_unique<MyThread3>();
+    th_gps->NastavUkonceni(&konec);
+    th_gps->Start(0);
+}
+
+void startWorkers() {
+    th_fcgi = new MyThreadFCGI;
+    th_fcgi->NastavUkonceni(&konec);
+    th_fcgi->Start(0);
+    th = std::make_unique<MyThread>();
+    th->NastavUkonceni(&konec);
+    th->Start(0);
+    if (sms) startSmsThread();
+    if (gps_enable) startGpsThread();
 }
 
 // The client connects when an acknowledge is to be sent.
@@ -69,7 +90,12 @@ void start() {
     openHistory();
     setUpServerLine();
     MySleep(0, kSettleNanoseconds);
-    last_resend = time(nullptr);
+}
+
+void startTcpRequests(myTcpServer& server) {
+    if (tcp_port == 0) return;
+    server.Init(tcp_port, tcp_timeout, true);
+    server.Start(0);
 }
 
 void reread() {
@@ -81,6 +107,7 @@ void reread() {
 }
 
 void runMainLoop() {
+    last_resend = time(nullptr);
     while (!konec) {
         if (reload && !konec) reread();
         if (readok) pollHistory();
@@ -93,10 +120,17 @@ void runMainLoop() {
 void stop() {
     stopServerLine(tcpc);
     stopServerLine(tcps);
+    th_gps.reset();
     th.reset();
     th2.reset();
     closeHistory();
     MySleep(0, kSettleNanoseconds);
+}
+
+// Ends the process without the destructors of what the responder's thread may still use.
+[[noreturn]] void endProcess() {
+    fflush(stdout);
+    _exit(0);
 }
 
 }  // namespace
@@ -113,7 +147,11 @@ int main(int argc, char* argv[]) {
         return 0;
     }
     start();
-    runMainLoop();
-    stop();
-    return 0;
+    {
+        myTcpServer tcp_requests;
+        startTcpRequests(tcp_requests);
+        runMainLoop();
+        stop();
+    }
+    endProcess();
 }

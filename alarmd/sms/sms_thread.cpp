@@ -11,6 +11,7 @@
 #include "knihovny/generalfce.h"
 
 bool ret_connect = false;
+void (*modem_ready)() = nullptr;
 
 namespace {
 
@@ -32,6 +33,7 @@ void initialiseModem() {
         if (nastavModem() >= kInitialised) {
             PrintLine(color_modem, "MODEM INITIALIZATION SUCCESSFULL", color_off);
             modemInit = true;
+            if (modem_ready != nullptr) modem_ready();
         } else {
             PrintLine(color_modem, "MODEM INITIALIZATION FAILED", color_off);
         }

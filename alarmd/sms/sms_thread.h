@@ -11,6 +11,10 @@ void vlakno_s();
 // What the last Connect of the modem channel gave. SMS thread only.
 extern bool ret_connect;
 
+// Called on the SMS thread when the modem has been initialised, unless null. Set by main before the thread
+// starts.
+extern void (*modem_ready)();
+
 class MyThread2 final : public Thread3 {
   public:
     ~MyThread2() { Stop(); }
