@@ -1,6 +1,5 @@
 #include "sim/modem_events.h"
 
-#include <random>
 #include <stdexcept>
 
 namespace sim {
@@ -58,10 +57,6 @@ Json::Value network(const Target& target, const Json::Value& event) {
 // ---------------------------------------------------------------------------------------------------------------
 // The modem itself
 
-std::string bytesOf(const Json::Value& event) {
-    return event.isMember("hex") ? bytesOfHex(event["hex"].asString()) : event["text"].asString();
-}
-
 void unplug(GsmModem& modem, const Json::Value& event) {
     if (event.isMember("after")) {
         modem.unplugAfter(event["after"].asString());
@@ -105,16 +100,12 @@ void normal(GsmModem& modem, const Json::Value&) {
     });
 }
 
-// The same bytes in every run.
 void noise(GsmModem& modem, const Json::Value& event) {
-    std::minstd_rand random(1);
-    std::string bytes;
-    for (int i = event["count"].asInt(); i > 0; --i) bytes += static_cast<char>(random() >> 8);
-    modem.call([&](AtModem& at) { at.say(bytes); });
+    modem.call([&](AtModem& at) { at.say(noiseBytes(event["count"].asInt())); });
 }
 
 void say(GsmModem& modem, const Json::Value& event) {
-    modem.call([&](AtModem& at) { at.say(bytesOf(event)); });
+    modem.call([&](AtModem& at) { at.say(eventBytes(event)); });
 }
 
 void line(GsmModem& modem, const Json::Value& event) {
@@ -123,7 +114,7 @@ void line(GsmModem& modem, const Json::Value& event) {
 
 void reply(GsmModem& modem, const Json::Value& event) {
     modem.call([&](AtModem& at) {
-        at.replyTo(event["to"].asString(), bytesOf(event), event.get("times", 1).asInt());
+        at.replyTo(event["to"].asString(), eventBytes(event), event.get("times", 1).asInt());
     });
 }
 

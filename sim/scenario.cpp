@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <random>
 #include <sstream>
 
 #include "sim/at_modem.h"
@@ -129,6 +130,24 @@ std::string checkModem(const Json::Value& event) {
     }
     const std::string reason = checkBody(event);
     return reason.empty() ? checkWord(event, "modem", kKnown) : reason;
+}
+
+std::string checkGps(const Json::Value& event) {
+    static constexpr const char* kKnown[] = {"unplug", "plug", "silent", "corrupt", "no fix",
+                                             "normal", "at",   "noise",  "says",    "line"};
+    const std::string word = event["gps"].asString();
+    if (word == "noise" && !event.isMember("count")) return "\"count\" is missing";
+    if (word == "line" && !event.isMember("text")) return "\"text\" is missing";
+    if (word == "says" && !event.isMember("text") && !event.isMember("hex")) {
+        return "\"text\" or \"hex\" is missing";
+    }
+    if (word == "at" && !(event.isMember("latitude") && event.isMember("longitude"))) {
+        return "\"latitude\" or \"longitude\" is missing";
+    }
+    if (std::abs(event["latitude"].asDouble()) > 90) return "\"latitude\" is outside -90 to 90";
+    if (std::abs(event["longitude"].asDouble()) > 180) return "\"longitude\" is outside -180 to 180";
+    const std::string reason = checkBody(event);
+    return reason.empty() ? checkWord(event, "gps", kKnown) : reason;
 }
 
 using enum MemberType;
@@ -264,6 +283,16 @@ const std::vector<EventKind>& eventKinds() {
           {"name", kText},
           {"pin", kText}},
          checkModem},
+        // The GPS receiver
+        {"gps",
+         kText,
+         true,
+         {{"text", kText},
+          {"hex", kText},
+          {"count", kInteger},
+          {"latitude", kNumber},
+          {"longitude", kNumber}},
+         checkGps},
         // All
         {"query", kText, false, {}, checkQuery},
         {"clear", kText, true, {}, checkClear},
@@ -362,6 +391,17 @@ std::string bytesOfHex(const std::string& hex) {
     for (size_t i = 0; i + 1 < hex.size(); i += 2) {
         bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
     }
+    return bytes;
+}
+
+std::string eventBytes(const Json::Value& event) {
+    return event.isMember("hex") ? bytesOfHex(event["hex"].asString()) : event["text"].asString();
+}
+
+std::string noiseBytes(int count) {
+    std::minstd_rand random(1);
+    std::string bytes;
+    for (int i = count; i > 0; --i) bytes += static_cast<char>(random() >> 8);
     return bytes;
 }
 

@@ -78,6 +78,12 @@ Scenario loadScenario(const std::string& path);
 // The bytes of pairs of hexadecimal digits, which were checked to be such.
 std::string bytesOfHex(const std::string& hex);
 
+// The bytes that an event gives as "hex" or "text".
+std::string eventBytes(const Json::Value& event);
+
+// So many senseless bytes, the same in every run.
+std::string noiseBytes(int count);
+
 // Carries out events. For one thread.
 class Dispatcher {
   public:
