@@ -7,14 +7,15 @@ usage() {
     cat <<'TEXT'
 Usage: ./run.sh [--keep]
 
-Builds the daemon and runs it in a private world with a simulated Korvato server, the real mail client and a real
-mail server. Alarms happen after examples/scenario.json; the terminal shows the road of each into the mailbox.
-Missing packages are installed first. Takes about a minute once it is built.
+Builds the daemon and runs it in a private world with a simulated Korvato server, a simulated GSM modem, the real mail
+client and a real mail server. Alarms happen after examples/scenario.json; the terminal shows the road of each into the
+mailbox and onto the phones, and of the answer from a phone that acknowledges an alarm at the server. Missing packages
+are installed first. Takes about a minute once it is built.
 
   --keep    after the scenario go on until Ctrl-C; alarms can then be typed in
   --help    this text
 
-Status 0 when every mail that should arrive has arrived. Mails and logs are left in out/.
+Status 0 when every mail and every SMS that should arrive has arrived. Mails and logs are left in out/.
 TEXT
 }
 
@@ -44,6 +45,6 @@ if [[ $(scripts/world.sh --probe) == none ]]; then
     scripts/world.sh true
     exit 1
 fi
-build demo out/build.log alarmd korvato-server-sim || exit 1
-rm -rf out/plant out/mailbox out/mails out/alarmd.log out/server.log out/smtp.log
+build demo out/build.log alarmd korvato-server-sim gsm-modem-sim || exit 1
+rm -rf out/plant out/mailbox out/mails out/alarmd.log out/server.log out/modem.log out/smtp.log
 exec scripts/world.sh /usr/bin/python3 -B scripts/demo.py --bin build/demo/bin $keep

@@ -1,8 +1,9 @@
-"""The demo: the example plant with a simulated server, the real mail client, a real mail server, and the daemon.
+"""The demo: the example plant with a simulated server and GSM modem, the real mail client, a real mail server, and the
+daemon.
 
 Runs in a private world (scripts/world.sh), started by run.sh. Shows the road of each alarm, one line an event, and at
-the end compares the mailbox with what should be in it. That is worked out here from the project and the scenario
-alone, not from anything the daemon says.
+the end compares the mailbox, the phones and the server's acknowledge requests with what should be there. That is worked
+out here from the project and the scenario alone, not from anything the daemon says.
 """
 
 import argparse
@@ -34,17 +35,20 @@ MAIL_CLIENT = "/usr/bin/msmtp"
 STATES = {"deactivated": 0, "activated": 1, "acknowledged": 2}
 STATUS_WORDS = {0: "Deactivate", 1: "Activate", 2: "Acknowledge"}
 STATE_WORDS = {0: "ended", 1: "active", 2: "acknowledged"}
+SMS_FLAGS = {0: "smsDeact", 1: "smsAct", 2: "smsAck"}
+SMS_FORMS = {0: "(DEA) %s", 1: "(ACT) %s /ack:%d", 2: "(ACK) %s"}
 NOTIFIED_GROUPS = 10
 START_LIMIT = 20  # seconds
-LAST_MAIL_LIMIT = 30  # seconds from the end of the scenario, for the last mails to arrive
+LAST_LIMIT = 60  # seconds from the end of the scenario, for the last mails and SMS to arrive
 STOP_LIMIT = 20  # seconds
 
 HELP = """After the scenario the plant stays. Type
   201       alarm 201 goes active        201 off   it ends        201 ack   it is acknowledged
   away      the server goes away         back      it is back
-and press Ctrl-C to end."""
+and press Ctrl-C to end. The phone of Jana Nováková acknowledges every alarm that it is told of."""
 
-COLOURS = {"plant": "1", "server": "33", "daemon": "36", "mail": "34", "delivered": "32", "note": "35", "error": "31"}
+COLOURS = {"plant": "1", "server": "33", "daemon": "36", "mail": "34", "delivered": "32", "phone": "32", "note": "35",
+           "error": "31"}
 
 
 # ---- the terminal ----------------------------------------------------------------------------------------------
@@ -113,8 +117,27 @@ class Project:
                     yield Mail(user["mail"], message, STATUS_WORDS.get(stat, ""), str(definition["severity"]), area,
                                device)
 
+    def expected_sms(self, number, stat):
+        """The SMS that this change of an alarm makes: Sms records."""
+        definition = self.definitions.get(number)
+        if not definition or not definition[SMS_FLAGS.get(stat, "smsAct")] or stat not in SMS_FORMS:
+            return
+        for group in range(NOTIFIED_GROUPS):
+            for user in self.users if definition["group"][group] else ():
+                if user["level"] == group and user["tel"]:
+                    message = definition["messageLangs"].get(user["language"]) or definition["message"]
+                    yield Sms(user["tel"], SMS_FORMS[stat] % ((message, number) if stat == 1 else message))
+
+    def may_control(self, number):
+        """The id of the user whose phone this is, when it may acknowledge; else None."""
+        return next((user["id"] for user in self.users if user["tel"] == number and user["smsControl"]), None)
+
+    def owner(self, number):
+        return next(("%s (%s)" % (user["name"], number) for user in self.users if user["tel"] == number), number)
+
 
 Mail = collections.namedtuple("Mail", "to message status severity area device")
+Sms = collections.namedtuple("Sms", "to text")
 
 
 def read_mail(raw):
@@ -206,14 +229,21 @@ def replace_key(name, key):
 
 
 def prepare():
-    """Sets the run's folder up: a copy of the example plant, an empty mailbox."""
+    """Sets the run's folder up: a copy of the example plant, an empty mailbox. Returns the path of the modem's port."""
     for path in (PLANT, MAILBOX, MAILS):
         shutil.rmtree(path, ignore_errors=True)
     shutil.copytree(EXAMPLES, PLANT)
     os.makedirs(MAILS)
     os.makedirs(os.path.join(PLANT, "ext", "msmtp"))
     os.symlink(MAIL_CLIENT, os.path.join(PLANT, "ext", "msmtp", "msmtp"))
-    shutil.copy(os.path.join(PLANT, "settings.json"), SYSTEM_SETTINGS)
+    with open(os.path.join(PLANT, "settings.json"), encoding="utf-8") as file:
+        settings = json.load(file)
+    modem = settings["network"]["modem"]
+    if os.environ.get("KORVATO_WORLD") != "private":
+        modem["modemPort"] = os.path.join(PLANT, "ttyModem2")  # /dev is the machine's
+    with open(SYSTEM_SETTINGS, "w", encoding="utf-8") as file:
+        json.dump(settings, file)
+    return modem["modemPort"]
 
 
 # ---- the demo --------------------------------------------------------------------------------------------------
@@ -228,8 +258,11 @@ class Demo:
         self.failures = []
         self.changes = []  # (alarm id, state) that the server has reported so far
         self.mailed_changes = self.sent = self.without_address = 0
-        self.expected = collections.Counter()
+        self.expected = collections.Counter()  # Mail and Sms records, and texts of acknowledge requests
         self.delivered = collections.Counter()
+        self.strangers = self.refused = 0  # answers from phones that may not acknowledge
+        self.answered = {}  # what a phone answers to each alarm, by number
+        self.sms = {}  # the incoming message that the daemon is printing now
         self.files_seen = set()
         self.queued = []  # of the alarm that the daemon is printing now
         self.block = {}
@@ -240,21 +273,26 @@ class Demo:
     # -- start and end
 
     def start(self):
-        prepare()
+        modem_port = prepare()
         https_port = replace_key("korvato.conf", "https_port")
         smtp_port = replace_key("msmtp.conf", "port")
-        # The demo ends the server itself, when all mails are there, so the server's scenario has no end of its own.
+        # The demo ends server and modem itself, when all has arrived, so their scenario has no end of its own.
         with open(os.path.join(PLANT, "scenario.json"), "w", encoding="utf-8") as file:
             json.dump({key: value for key, value in self.scenario.items() if key != "duration"}, file)
 
-        self.logs = {name: open(os.path.join(OUT, name + ".log"), "wb") for name in ("alarmd", "server", "smtp")}
+        self.logs = {name: open(os.path.join(OUT, name + ".log"), "wb")
+                     for name in ("alarmd", "server", "modem", "smtp")}
         self.smtp = Program("smtp", ["/usr/bin/python3", "-m", "aiosmtpd", "-n", "-c", "aiosmtpd.handlers.Mailbox", MAILBOX,
                                      "-l", "127.0.0.1:%d" % smtp_port], self.inbox, self.logs["smtp"])
         self.wait_for_smtp(smtp_port)
         self.server = Program(
             "server", [os.path.join(self.bin, "korvato-server-sim"), "--json-events", "--control", "--port",
                        str(https_port), "--scenario", "scenario.json"], self.inbox, self.logs["server"], subprocess.PIPE)
-        self.wait_for_server()
+        self.wait_for("server")
+        self.modem = Program(
+            "modem", [os.path.join(self.bin, "gsm-modem-sim"), "--json-events", "--control", "--link", modem_port,
+                      "--scenario", "scenario.json"], self.inbox, self.logs["modem"], subprocess.PIPE)
+        self.wait_for("modem")
         self.daemon = Program("daemon", [os.path.join(self.bin, "alarmd")], self.inbox, self.logs["alarmd"])
         self.screen.restart_clock()
         users = [user for user in self.project.users if user["level"] < NOTIFIED_GROUPS]
@@ -272,23 +310,28 @@ class Demo:
                 time.sleep(0.05)
         raise SystemExit("The mail server does not start; see out/smtp.log.")
 
-    def wait_for_server(self):
-        end = time.monotonic() + START_LIMIT
+    def wait_for(self, program):
+        """Waits for the first line of a simulated program; what the others say meanwhile is kept."""
+        end, others = time.monotonic() + START_LIMIT, []
         while time.monotonic() < end:
             try:
                 name, stream, line = self.inbox.get(timeout=1)
             except queue.Empty:
                 continue
-            if name == "server" and line is None:
+            if name == program and line is None:
                 break
-            if name == "server" and stream == "out":
+            if name == program and stream == "out":
+                for other in others:
+                    self.inbox.put(other)
                 return
-        raise SystemExit("The simulated server does not start; see out/server.log.")
+            others.append((name, stream, line))
+        raise SystemExit("The simulated %s does not start; see out/%s.log." % (program, program))
 
     def stop(self):
         status = self.daemon.stop()
         if status != 0:
             self.failures.append("the daemon ended with status %s instead of 0" % status)
+        self.modem.stop()
         self.server.stop()
         self.smtp.stop()
         self.look_into_mailbox()
@@ -301,10 +344,12 @@ class Demo:
         if line is None:
             if name == "daemon" and stream == "out":
                 self.failures.append("the daemon ended by itself")
-            elif name == "server" and stream == "out":
-                self.failures.append("the simulated server ended by itself")
+            elif name in ("server", "modem") and stream == "out":
+                self.failures.append("the simulated %s ended by itself" % name)
         elif name == "server" and stream == "out":
             self.server_line(json.loads(line))
+        elif name == "modem" and stream == "out":
+            self.modem_line(json.loads(line))
         elif name == "daemon" and stream == "out":
             self.daemon_line(line)
         elif name == "daemon":
@@ -319,8 +364,22 @@ class Demo:
         elif kind == "server":
             self.screen.event("server", {"away": "goes away", "back": "is back", "normal": "is back"}.get(
                 event["server"], "mode " + event["server"]))
+        elif kind == "ack request":
+            self.delivered[event["raw"]] += 1
+            self.screen.event("server", "is asked to acknowledge alarm %s for user %s%s" % (
+                event["id"], event["user"], "" if event["done"] else ": " + event["reason"]))
         elif event.get("ok") is False:
             self.screen.event("note", event["error"])
+
+    def modem_line(self, event):
+        kind = event.get("event")
+        if kind == "sms" and event["sent"]:
+            self.delivered[Sms(event["number"], event["text"])] += 1
+            self.screen.event("phone", "%s gets: %s" % (self.project.owner(event["number"]), event["text"]))
+        elif kind == "sms":
+            self.screen.event("note", "the network refuses an SMS to %s" % event["number"])
+        elif kind == "phone":
+            self.screen.event("phone", "%s sends: %s" % (self.project.owner(event["number"]), event["text"]))
 
     def daemon_line(self, line):
         if line.startswith(":: Check alarm"):
@@ -348,6 +407,23 @@ class Demo:
             self.mail_composed()
         elif line == "-> Odeslan":
             self.sent += 1
+        else:
+            self.sms_line(line)
+
+    def sms_line(self, line):
+        if line == "MODEM INITIALIZATION SUCCESSFULL":
+            self.screen.event("daemon", "has initialised the modem")
+        elif line.startswith("\tText: "):
+            self.sms = {"text": line[7:].strip()}
+        elif line.startswith("\tFrom: "):
+            self.sms["from"] = line[7:].strip()
+        elif line == "AUTHORIZED USER !!!":
+            self.screen.event("daemon", "takes \"%(text)s\" from %(from)s" % self.sms)
+        elif line == "UNAUTHORIZED USER !!!":
+            self.refused += 1
+            self.screen.event("daemon", "refuses \"%(text)s\" from %(from)s" % self.sms)
+        elif "COUNT SMS PEER MIN EXCEEDED" in line or "SMS SEND FAIL" in line or "Can't open modem" in line:
+            self.screen.event("note", "daemon: " + line.strip("-: "))
 
     def alarm_seen(self, number, stat):
         self.screen.event("daemon", "sees alarm %d %s, queues it for %s" % (
@@ -391,11 +467,32 @@ class Demo:
         for event in self.scenario["events"]:
             if "alarm" in event and event.get("project", self.project.id) == self.project.id:
                 self.expect(event["alarm"], STATES.get(event["state"], event["state"]))
+                for sms in self.project.expected_sms(event["alarm"], STATES.get(event["state"])):
+                    if sms.to in self.answered and " /ack:" in sms.text:
+                        self.expect_answer(sms.to, "%s:%d" % (self.answered[sms.to], event["alarm"]))
+            elif "sends" in event:
+                self.expect_answer(event["phone"], event["sends"])
+            elif "answers" in event:
+                self.answered[event["phone"]] = event["answers"]
 
     def expect(self, number, stat):
         mails = list(self.project.expected(number, stat))
         self.mailed_changes += bool(mails)
         self.expected.update(mails)
+        self.expected.update(self.project.expected_sms(number, stat))
+
+    def expect_answer(self, phone, text):
+        """An answer "ACK:ID" from a phone, while the alarm ID is active."""
+        user = self.project.may_control(phone)
+        word, _, alarm = text.upper().partition(":")
+        if user is None:
+            self.strangers += 1
+        elif word == "ACK" and alarm:
+            self.expected["t=11&prj=%s&id=%s&userID=%d&ackText=ACK_SMS" % (self.project.id, alarm, user)] += 1
+            self.expect(int(alarm), STATES["acknowledged"])
+
+    def missing(self):
+        return self.expected - self.delivered or self.refused < self.strangers
 
     def pump(self, seconds=0.1):
         """Handles what has come within that time."""
@@ -412,8 +509,8 @@ class Demo:
         duration = self.scenario["duration"]
         while self.screen.seconds() < duration and not self.failures:
             self.pump()
-        while (self.expected - self.delivered) and not self.failures and (
-                self.screen.seconds() < duration + LAST_MAIL_LIMIT):
+        while self.missing() and not self.failures and (
+                self.screen.seconds() < duration + LAST_LIMIT):
             self.pump()
         if self.keep and not self.failures:
             self.stay()
@@ -429,16 +526,21 @@ class Demo:
                 self.typed(typed.get().split())
 
     def settle(self):
-        """After a Ctrl-C: what has happened up to now is what counts, and its mails still get time to arrive."""
-        self.expected.clear()
-        self.mailed_changes = 0
+        """After a Ctrl-C: what has happened is what counts, and its mails and SMS still get time to arrive."""
+        self.expect_changes()
+        if self.missing():
+            self.screen.line("Waiting for the mails and SMS on their way; Ctrl-C again ends at once.")
+        end = self.screen.seconds() + LAST_LIMIT
+        while self.missing() and not self.failures and self.screen.seconds() < end:
+            self.pump()
+            self.expect_changes()
+
+    def expect_changes(self):
+        """Takes what the server has reported, and the requests that made it do so, for what should be."""
+        self.expected = collections.Counter({each: n for each, n in self.delivered.items() if isinstance(each, str)})
+        self.mailed_changes, self.strangers = 0, self.refused
         for number, stat in self.changes:
             self.expect(number, stat)
-        if self.expected - self.delivered:
-            self.screen.line("Waiting for the mails on their way; Ctrl-C again ends at once.")
-        end = self.screen.seconds() + LAST_MAIL_LIMIT
-        while (self.expected - self.delivered) and not self.failures and self.screen.seconds() < end:
-            self.pump()
 
     def typed(self, words):
         states = {"": "activated", "on": "activated", "off": "deactivated", "ack": "acknowledged"}
@@ -451,13 +553,26 @@ class Demo:
         elif words:
             self.screen.line(HELP)
 
+    def tell_difference(self, word, difference):
+        for each, count in difference.items():
+            if isinstance(each, Mail):
+                what = "%d mail to %s: %s, %s" % (count, each.to, each.message, each.status)
+            elif isinstance(each, Sms):
+                what = "%d SMS to %s: %s" % (count, each.to, each.text)
+            else:
+                what = "%d request %s" % (count, each)
+            self.failures.append(word + what)
+
+    def arrived(self, kind):
+        """How many of a kind have arrived, and how many should."""
+        return tuple(sum(count for each, count in counter.items() if isinstance(each, kind))
+                     for counter in (self.delivered, self.expected))
+
     def summary(self):
-        missing, extra = self.expected - self.delivered, self.delivered - self.expected
-        for mail, count in missing.items():
-            self.failures.append("missing: %d mail to %s: %s, %s" % (count, mail.to, mail.message, mail.status))
-        for mail, count in extra.items():
-            self.failures.append("not expected: %d mail to %s: %s, %s" % (count, mail.to, mail.message, mail.status))
-        due, arrived = sum(self.expected.values()), sum(self.delivered.values())
+        self.tell_difference("missing: ", self.expected - self.delivered)
+        self.tell_difference("not expected: ", self.delivered - self.expected)
+        if self.refused != self.strangers:
+            self.failures.append("%d answers were refused instead of %d" % (self.refused, self.strangers))
         screen = self.screen
         screen.line()
         screen.line("Summary", "1")
@@ -465,8 +580,11 @@ class Demo:
             len(self.changes), self.mailed_changes))
         screen.line("  sent       %3d mails handed to the mail client%s" % (
             self.sent, ", %d of them for users without an address" % self.without_address if self.without_address else ""))
-        screen.line("  delivered  %3d mails of %d that should arrive" % (arrived, due))
-        screen.line("  files      out/mails/  out/alarmd.log  out/server.log  out/plant/ (configuration and project)")
+        screen.line("  delivered  %3d mails of %d that should arrive" % self.arrived(Mail))
+        screen.line("  phones     %3d SMS of %d that should arrive" % self.arrived(Sms))
+        screen.line("  answers    %3d of %d acknowledged at the server, %d of %d refused" % (
+            *self.arrived(str), self.refused, self.strangers))
+        screen.line("  files      out/mails/  out/*.log  out/plant/ (configuration and project)")
         for failure in self.failures:
             screen.line("  " + failure, COLOURS["error"])
         screen.line("All that should arrive has arrived." if not self.failures else "Not all is as it should be.",
