@@ -250,6 +250,15 @@ class SmsTest(plant.PlantTest):
                 return
         self.fail("the message is not read:\n" + self.daemon.out.text()[-4000:])
 
+    def keep_alive(self, condition, text=""):
+        """Pushes the text to the connected daemon every second until the condition holds."""
+        for _ in range(60):
+            if condition():
+                return
+            self.sim.command(push=text)
+            time.sleep(1)
+        self.fail("in vain\n" + self.daemon.out.text()[-4000:])
+
     def wait_pass(self):
         """Waits until the SMS thread begins its next pass."""
         begins = lambda line: "-->Thread sms (queue:" in line

@@ -66,6 +66,30 @@ class Road(sms_plant.SmsTest):
         self.wait_pass()
         self.assertEqual(self.modem.command(query="store")["store"], [])
 
+    def test_each_group_brings_its_own_message_and_groups_10_and_11_none(self):
+        jan = sms_plant.USERS[0]
+        nobody = {**jan, "level": 3, "tel": ""}
+        self.start_all(cas=[sms_plant.definition(12, [1, 2, 3, 9, 10, 11])],
+                       users=[jan, {**jan, "level": 2}, nobody, {**jan, "level": 9, "tel": EVE, "language": "xx"},
+                              {**jan, "level": 10, "tel": GRETA}, {**jan, "level": 11, "tel": GRETA}])
+        self.sim.alarm(12, "deactivated")
+        self.wait_sms((JAN, "(DEA) Zpráva 12"), (JAN, "(DEA) Zpráva 12"), (EVE, "(DEA) Message 12"))
+        self.wait_pass()
+        self.assertEqual(len(self.modem.sms()), 3)
+
+    def test_the_mail_client_inherits_neither_modem_nor_connection(self):
+        client = self.fake_client('ls -l /proc/self/fd >"$0.fds"\n')
+        self.start_all()
+        self.phone(JAN, "ACK:99")
+        self.wait_acks(ACK_REQUEST % ("99", 1))
+        self.sim.alarm(13)
+        self.keep_alive(client.runs)
+        plant.wait_for(lambda: os.path.exists(self.path(plant.CLIENT_PATH + ".fds")), "the client's list")
+        with open(self.path(plant.CLIENT_PATH + ".fds")) as file:
+            inherited = file.read()
+        self.assertNotIn("/dev/pts", inherited)
+        self.assertNotIn("socket:", inherited)
+
     def test_an_acknowledgement_of_nothing_active_changes_nothing(self):
         self.start_all()
         self.phone(EVE, "Ack:77")
@@ -185,12 +209,12 @@ class Initialisation(sms_plant.SmsTest):
         self.start_modem()
         self.modem.modem("mute")
         self.start_plant()
-        self.daemon.out.wait(sms_plant.NOT_INITIALISED)
-        self.daemon.out.wait(plant.starting("PIN seted"), 2)
+        self.daemon.out.wait(sms_plant.NOT_INITIALISED, 2)
         self.modem.modem("normal")
         self.wait_initialised()
         self.assertEqual(self.daemon.out.count("Seriovy port otevren"), 1)
-        self.assertTrue(self.modem.received().startswith(2 * sms_plant.INITIALISATION), self.modem.received())
+        self.assertEqual(self.daemon.out.count("Aktivace: 0"), 2)
+        self.assertTrue(self.modem.received().startswith(3 * sms_plant.INITIALISATION), self.modem.received())
 
     def test_a_slow_modem_is_waited_for(self):
         self.start_server()
@@ -372,6 +396,60 @@ class Stale(sms_plant.SmsTest):
         self.assertEqual(len(self.modem.sms()), 1)
 
 
+class Waiting(sms_plant.SmsTest):
+    """The list of alarms that wait for their acknowledge."""
+
+    def start(self, **settings):
+        self.start_server()
+        self.start_modem()
+        self.start_plant(clock=True, resend_enable=1, **settings)
+        self.wait_initialised()
+        self.sim.alarm(14)
+        self.wait_sms((EVE, "(ACT) Message 14 /ack:14"))
+
+    def rows(self):
+        return [line for line in self.daemon.out.texts() if line.startswith("| 14\t|")]
+
+    def wait_walks(self, count=2):
+        walk = "--> Check Re-Send Queue"
+        self.daemon.out.wait(walk, self.daemon.out.count(walk) + count)
+
+    def assert_dropped(self):
+        """One more walk drops the alarm, and nothing is sent again."""
+        self.wait_walks()
+        rows = len(self.rows())
+        self.wait_walks()
+        self.assertEqual(len(self.rows()), rows)
+        self.assertEqual(len(self.modem.sms()), 1)
+
+    def test_an_alarm_leaves_it_after_5_minutes(self):
+        self.start()
+        self.wait_walks()
+        self.assertTrue(self.rows()[-1].endswith("\t|0\t|300\t\t|"), self.rows())
+        self.set_clock(301)
+        self.assert_dropped()
+
+    def test_an_alarm_in_its_second_period_leaves_it_after_an_hour(self):
+        self.start(resend_period1_quantity=0)
+        self.set_clock(3500)
+        self.wait_walks()
+        rows = len(self.rows())
+        self.wait_walks()
+        self.assertGreater(len(self.rows()), rows)
+        self.assertTrue(self.rows()[-1].endswith("\t|0\t|3600\t\t|"), self.rows())
+        self.set_clock(3601)
+        self.assert_dropped()
+
+    def test_an_acknowledged_alarm_leaves_it_at_once(self):
+        self.start()
+        self.wait_walks()
+        self.phone(EVE, "ACK:14")
+        self.wait_sms((EVE, "(ACK) Message 14"))
+        rows = len(self.rows())
+        self.wait_walks()
+        self.assertEqual(len(self.rows()), rows)
+
+
 class ServerLine(sms_plant.SmsTest):
     """The connection to the server's local port."""
 
@@ -415,15 +493,6 @@ class ServerLine(sms_plant.SmsTest):
         self.assertEqual(self.acks(), [])
         self.phone(JAN, "ACK:13")
         self.wait_acks(ACK_REQUEST % ("13", 1))
-
-    def keep_alive(self, condition, text=""):
-        """Pushes the text every second until the condition holds."""
-        for _ in range(60):
-            if condition():
-                return
-            self.sim.command(push=text)
-            time.sleep(1)
-        self.fail("in vain\n" + self.daemon.out.text()[-4000:])
 
     def acknowledge(self, *ids):
         self.phone(JAN, "ACK:%d" % ids[-1])
