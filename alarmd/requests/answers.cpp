@@ -249,13 +249,16 @@ Answer answerTcpRequest(const std::string& request_text, const RequestState& sta
     Json::Value root;
     Request request;
     std::string errors;
-    if (!parseJson(request_text, root, errors)) {
-        parseFailure(answer, errors);
-    } else if (!modem_ready) {
+    const bool parsed = parseJson(request_text, root, errors);
+    if (parsed && !modem_ready) {
         answer.body = kModemNotReady;  // with protocol 50 in it, whatever was asked
-    } else if (!takeRequest(root, request, errors)) {
+        return answer;
+    }
+    if (!parsed || !takeRequest(root, request, errors)) {
         parseFailure(answer, errors);
-    } else if (request.protocol == kSendSms) {
+        return answer;
+    }
+    if (request.protocol == kSendSms) {
         answer.protocol_run = true;
         answer.log += "Request protocol 50 (Send SMS)\n";
         answerSendSms(request, answer);

@@ -10,7 +10,7 @@
 #include "alarmd/requests/modem_status.h"
 
 // A longer request is not looked at.
-constexpr size_t kLongestRequest = 1024 * 1024;
+constexpr size_t kLongestRequest = size_t{1024} * 1024;
 
 // What the answers tell of.
 struct RequestState {

@@ -56,5 +56,8 @@ void carryOut(const Answer& answer, const std::string& from_ip, int from_port) {
             disable_notification = false;
             break;
     }
+}
+
+void pauseAfter(const Answer& answer) {
     if (answer.protocol_run) MySleep(0, kPauseNanoseconds);
 }

@@ -9,6 +9,8 @@
 RequestState takeRequestState();
 
 // Does what an answer announced, once it is written: queues the SMS, noting who asked for it, or switches the
-// notifications; keeps the parsed GPS values; and pauses for 50 us when the request named a protocol that
-// there is.
+// notifications; and keeps the parsed GPS values.
 void carryOut(const Answer& answer, const std::string& from_ip, int from_port);
+
+// The pause behind each request that named a protocol that there is: 50 us.
+void pauseAfter(const Answer& answer);

@@ -39,7 +39,9 @@ int FcgiGate::listenOn(int tcp_port) {
     sockaddr_in address = loopback(tcp_port);
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t length = sizeof address;
+    // The accepted sockets take TCP_NODELAY over from this one.
     if (descriptor == -1 || setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1 ||
+        setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == -1 ||
         bind(descriptor, generic, length) == -1 || listen(descriptor, kBacklog) == -1 ||
         getsockname(descriptor, generic, &length) == -1) {
         const int error = errno;
@@ -50,12 +52,13 @@ int FcgiGate::listenOn(int tcp_port) {
     return 0;
 }
 
+bool FcgiGate::isComplete(const Client& client) {
+    return client.phase == Phase::kRequest && client.reader.state() == FcgiRequestReader::State::kComplete;
+}
+
 FcgiRequest FcgiGate::next() {
     for (;;) {
-        const auto asking = std::find_if(clients_.begin(), clients_.end(), [](const Client& client) {
-            return client.phase == Phase::kRequest &&
-                   client.reader.state() == FcgiRequestReader::State::kComplete;
-        });
+        const auto asking = std::find_if(clients_.begin(), clients_.end(), isComplete);
         if (asking != clients_.end()) {
             clients_.splice(clients_.begin(), clients_, asking);
             FcgiRequest request = asking->reader.next();
@@ -124,12 +127,15 @@ void FcgiGate::acceptClients() {
             if (!mayTryAgain() && errno != ECONNABORTED) accept_from_ = now + kAcceptPause;
             return;
         }
-        const int on = 1;
-        setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         Client& client = clients_.emplace_back(descriptor, longest_body_);
         client.deadline = now + kClientLimit;
-        // The request is often there already.
-        if (!receive(client)) clients_.pop_back();
+        // The request is often there already; then it comes before those who may still be waiting to be
+        // accepted.
+        if (!receive(client)) {
+            clients_.pop_back();
+        } else if (isComplete(client)) {
+            return;
+        }
     }
 }
 
@@ -176,7 +182,8 @@ bool FcgiGate::endAnswer(Client& client) {
     client.deadline = Clock::now() + kClientLimit;
     if (!takeBytes(client, std::exchange(client.unread, {}))) return false;
     if (client.keep) return true;
+    if (client.reader.bodyEnded()) return false;
     // A connection that is closed while its client still sends is reset, and the answer may be lost with it.
     shutdown(client.socket.get(), SHUT_WR);
-    return !client.reader.bodyEnded();
+    return true;
 }

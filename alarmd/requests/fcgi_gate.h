@@ -59,6 +59,7 @@ class FcgiGate {
     int millisecondsToWait(Clock::time_point now) const;
     void acceptClients();
     bool accepting(Clock::time_point now) const;
+    static bool isComplete(const Client& client);
     // These return false when the client is to be dropped.
     static bool step(Client& client);
     static bool receive(Client& client);

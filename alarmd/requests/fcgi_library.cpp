@@ -9,6 +9,7 @@ namespace {
 
 constexpr int kNoListeningSocket = -1;
 constexpr int kPieceLength = 512;
+constexpr size_t kBlockLength = 16384;
 constexpr int kBufferLength = 256 * 1024;
 constexpr timeval kLimit{1, 0};
 
@@ -88,10 +89,11 @@ std::string FcgiLibrary::finish() {
     body();
     FCGX_Finish_r(&request_);
     std::string answer;
-    char block[8192];
+    char block[kBlockLength];
     ssize_t count;
-    while ((count = recv(own_end_->get(), block, sizeof block, MSG_DONTWAIT)) > 0) {
-        answer.append(block, static_cast<size_t>(count));
-    }
+    do {
+        count = recv(own_end_->get(), block, sizeof block, MSG_DONTWAIT);
+        answer.append(block, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    } while (count == sizeof block);
     return answer;
 }

@@ -44,7 +44,7 @@ class FcgiRequestReader {
     enum class Stage { kBetween, kParams, kBody };
 
     static constexpr size_t kHeaderLength = 8;
-    static constexpr size_t kLongestParams = 64 * 1024;
+    static constexpr size_t kLongestParams = 65536;
 
     size_t takeHeader(std::string_view bytes);
     void beginRecord();

@@ -20,33 +20,33 @@ constexpr long kRetrySeconds = 1;
 constexpr int kNoPort = -1;
 constexpr char kHeader[] = "\n";
 
-// Printed before anything is done about the request. Nothing else looks at the query.
-void printRequest(const FcgiLibrary& library) {
+// Nothing but the log looks at the query.
+void logRequest(const FcgiLibrary& library, std::string& log) {
     const std::string query = library.param("QUERY_STRING");
-    std::string lines;
-    AppendLine(lines, "FCGI: QUERY_STRING: ", query, " , URI: ", library.param("REQUEST_URI"));
-    AppendLine(lines, "FCGI: QUERY_STRING after decode: ", urldecode(query), " ");
-    Print(lines);
+    AppendLine(log, "FCGI: QUERY_STRING: ", query, " , URI: ", library.param("REQUEST_URI"));
+    AppendLine(log, "FCGI: QUERY_STRING after decode: ", urldecode(query), " ");
 }
 
 bool hasBody(const FcgiLibrary& library) {
     return strtoll(library.param("CONTENT_LENGTH").c_str(), nullptr, 10) > 0;
 }
 
-Answer answerTo(FcgiLibrary& library, bool too_long) {
+Answer answerTo(FcgiLibrary& library, bool too_long, std::string& log) {
     if (too_long) return answerTooLongRequest();
     if (!hasBody(library)) return {};
     const std::string text = library.body();
-    PrintLine("POST DATA: ", text);
+    AppendLine(log, "POST DATA: ", text);
     return answerFcgiRequest(text, takeRequestState());
 }
 
-void serve(FcgiLibrary& library, bool too_long) {
-    printRequest(library);
-    const Answer answer = answerTo(library, too_long);
-    if (!answer.log.empty()) Print(answer.log);
+Answer serve(FcgiLibrary& library, bool too_long) {
+    std::string log;
+    logRequest(library, log);
+    Answer answer = answerTo(library, too_long, log);
+    Print(log + answer.log);
     if (!answer.body.empty()) library.write(kHeader + answer.body);
     carryOut(answer, ip, kNoPort);
+    return answer;
 }
 
 // False when konec is set before the port is free.
@@ -80,8 +80,10 @@ void serveRequests(FcgiGate& gate) {
         while (!konec) {
             const FcgiRequest request = gate.next();
             const bool accepted = library.accept(request);
-            if (accepted && !konec) serve(library, request.too_long);
+            Answer answer;
+            if (accepted && !konec) answer = serve(library, request.too_long);
             gate.answer(library.finish());
+            pauseAfter(answer);
             if (!accepted) MySleep(kRetrySeconds, 0);
         }
     }

@@ -12,6 +12,7 @@ void myTcpServer::ZpracujPacket(int length, const unsigned char* data, const std
     if (!answer.log.empty()) Print(answer.log);
     if (!answer.body.empty()) Send(client_ip, client_port, answer.body);
     carryOut(answer, client_ip, client_port);
+    pauseAfter(answer);
 }
 
 void myTcpServer::OnConnect(const std::string& client_ip, int client_port) {

@@ -6,7 +6,7 @@ namespace {
 
 constexpr char kParseFailure[] = "{\"s\":0, \"err\":\"Failed to parse JSON\"}";
 constexpr char kNotReady[] = "{\"r\":50,\"s\":0,\"err\":\"Modem activation failed\"}\n";
-constexpr char kNoParsedGps[] = "{\"r\":53,\"s\":0,\"err\":\"GPS disabled or CRC error.\"}";
+constexpr char kNoParsedGps[] = "{\"r\":53,\"s\":0,\"err\":\"GPS disabled or CRC error.\"}\n";
 constexpr char kGga[] = "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47";
 constexpr char kGsa[] = "$GPGSA,A,3,02,05,07,09,13,16,20,23,,,,,1.62,0.95,1.31*07";
 constexpr char kRmc[] = "$GPRMC,094336.00,A,4911.8316,N,01637.2729,E,13.990,77.47,140524,,,A*6E";
@@ -172,9 +172,9 @@ TEST(FcgiAnswerTest, ParsedGpsThatIsOffIsToldThoughTheSentencesAreChecked) {
     state.gps_enable = false;
     state.gps.GPRMC[10] = 'x';
     const Answer answer = fcgi(R"({"t":53})", state);
-    EXPECT_EQ(answer.body, std::string(kNoParsedGps) + "\n");
-    EXPECT_EQ(answer.log, std::string("Request protocol 53 (Read GPS parse data)\nCRC FAIL\nResponse: ") +
-                              kNoParsedGps + "\n");
+    EXPECT_EQ(answer.body, kNoParsedGps);
+    EXPECT_EQ(answer.log,
+              std::string("Request protocol 53 (Read GPS parse data)\nCRC FAIL\nResponse: ") + kNoParsedGps);
     EXPECT_FALSE(answer.gps_parsed);
 }
 
@@ -183,10 +183,10 @@ TEST(FcgiAnswerTest, EachOfTheFourSentencesHasToBeRight) {
          {&_gps_data::GPGGA, &_gps_data::GPGSA, &_gps_data::GPRMC, &_gps_data::GPVTG}) {
         RequestState state = withGps();
         (state.gps.*sentence)[9] = '!';
-        EXPECT_EQ(fcgi(R"({"t":53})", state).body, std::string(kNoParsedGps) + "\n");
+        EXPECT_EQ(fcgi(R"({"t":53})", state).body, kNoParsedGps);
         (state.gps.*sentence).clear();
         const Answer silent = fcgi(R"({"t":53})", state);
-        EXPECT_EQ(silent.body, std::string(kNoParsedGps) + "\n");
+        EXPECT_EQ(silent.body, kNoParsedGps);
         EXPECT_EQ(silent.log.find("CRC FAIL"), std::string::npos);
     }
 }

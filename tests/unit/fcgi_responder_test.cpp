@@ -344,7 +344,7 @@ TEST_F(FcgiResponderTest, AClientThatNeverReadsKeepsNobodyWaiting) {
     gps_enable = true;
     {
         MutexLock lock(gps_mutex);
-        for (std::string& sentence : gps_data.GPGSV) sentence = std::string(1000, '%') + "s";
+        for (std::string& sentence : gps_data.GPGSV) sentence.assign(1000, '%').push_back('s');
         gps_data.GPGSV_count = 31;
     }
     const fcgi::Client client(port());
