@@ -46,7 +46,7 @@ if [[ -n $all ]]; then packages=$all_packages; else packages=$test_packages; fi
 install_packages build/logs/install.log $packages || exit 1
 
 # System tests mostly wait.
-jobs=$(($(nproc) * 4))
+jobs=$(($(nproc) * 5))
 case $(scripts/world.sh --probe) in
     fixed) echo "No namespaces on this machine: system tests use /etc/korvato and the ports 11010 and 11032" \
         "themselves, one at a time; what was there is put back." ;;
@@ -54,16 +54,22 @@ case $(scripts/world.sh --probe) in
 esac
 
 step "Tests"
-build_check dev && run_ctest dev
+if build_check dev; then
+    if [[ -n $all ]]; then in_background clang tidy asan tsan release; fi
+    run_ctest dev
+elif [[ -n $all ]]; then
+    in_background clang tidy asan tsan release
+fi
 
 if [[ -n $all ]]; then
     step "Checks of the sources"
     check "clang-format" build/logs/format.log format
-    build_check clang && check "clang-tidy" build/logs/tidy.log tidy
+    finish clang
+    finish tidy
     sanitizer asan address,undefined
     sanitizer tsan thread
     step "Release"
-    build_check release
+    finish release
 fi
 
 for failure in "${failures[@]}"; do echo "failed: $failure"; done
