@@ -3,7 +3,8 @@ daemon.
 
 Runs in a private world (scripts/world.sh), started by run.sh. Shows the road of each alarm, one line an event, and at
 the end compares the mailbox, the phones and the server's acknowledge requests with what should be there. That is worked
-out here from the project and the scenario alone, not from anything the daemon says.
+out here from the project and the scenario alone, not from anything the daemon says. Then local requests are made through
+a real web server (demo_requests.py).
 """
 
 import argparse
@@ -23,6 +24,8 @@ import sys
 import threading
 import time
 
+import demo_requests
+
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 EXAMPLES = os.path.join(ROOT, "examples")
 OUT = os.path.join(ROOT, "out")
@@ -31,6 +34,7 @@ MAILBOX = os.path.join(OUT, "mailbox")
 MAILS = os.path.join(OUT, "mails")
 SYSTEM_SETTINGS = "/etc/korvato/settings.json"
 MAIL_CLIENT = "/usr/bin/msmtp"
+NGINX_SAMPLE = os.path.join(ROOT, "packaging", "nginx", "alarmd.conf")
 
 STATES = {"deactivated": 0, "activated": 1, "acknowledged": 2}
 STATUS_WORDS = {0: "Deactivate", 1: "Activate", 2: "Acknowledge"}
@@ -47,8 +51,8 @@ HELP = """After the scenario the plant stays. Type
   away      the server goes away         back      it is back
 and press Ctrl-C to end. The phone of Jana Nováková acknowledges every alarm that it is told of."""
 
-COLOURS = {"plant": "1", "server": "33", "daemon": "36", "mail": "34", "delivered": "32", "phone": "32", "note": "35",
-           "error": "31"}
+COLOURS = {"plant": "1", "server": "33", "daemon": "36", "mail": "34", "delivered": "32", "phone": "32", "request": "1;36",
+           "note": "35", "error": "31"}
 
 
 # ---- the terminal ----------------------------------------------------------------------------------------------
@@ -127,6 +131,11 @@ class Project:
                 if user["level"] == group and user["tel"]:
                     message = definition["messageLangs"].get(user["language"]) or definition["message"]
                     yield Sms(user["tel"], SMS_FORMS[stat] % ((message, number) if stat == 1 else message))
+
+    def recipients(self, number):
+        """To how many users a mail of this alarm goes, with or without an address."""
+        groups = self.definitions[number]["group"][:NOTIFIED_GROUPS]
+        return sum(groups[user["level"]] for user in self.users if user["level"] < NOTIFIED_GROUPS)
 
     def may_control(self, number):
         """The id of the user whose phone this is, when it may acknowledge; else None."""
@@ -262,6 +271,7 @@ class Demo:
         self.delivered = collections.Counter()
         self.strangers = self.refused = 0  # answers from phones that may not acknowledge
         self.answered = {}  # what a phone answers to each alarm, by number
+        self.requests = demo_requests.Requests(self)
         self.sms = {}  # the incoming message that the daemon is printing now
         self.files_seen = set()
         self.queued = []  # of the alarm that the daemon is printing now
@@ -281,7 +291,7 @@ class Demo:
             json.dump({key: value for key, value in self.scenario.items() if key != "duration"}, file)
 
         self.logs = {name: open(os.path.join(OUT, name + ".log"), "wb")
-                     for name in ("alarmd", "server", "modem", "smtp")}
+                     for name in ("alarmd", "server", "modem", "smtp", "gps", "nginx")}
         self.smtp = Program("smtp", ["/usr/bin/python3", "-m", "aiosmtpd", "-n", "-c", "aiosmtpd.handlers.Mailbox", MAILBOX,
                                      "-l", "127.0.0.1:%d" % smtp_port], self.inbox, self.logs["smtp"])
         self.wait_for_smtp(smtp_port)
@@ -293,6 +303,8 @@ class Demo:
             "modem", [os.path.join(self.bin, "gsm-modem-sim"), "--json-events", "--control", "--link", modem_port,
                       "--scenario", "scenario.json"], self.inbox, self.logs["modem"], subprocess.PIPE)
         self.wait_for("modem")
+        self.requests.start(lambda name, arguments: Program(name, arguments, self.inbox, self.logs[name]),
+                            usable_port(8081), os.path.join(PLANT, "nginx"), NGINX_SAMPLE)
         self.daemon = Program("daemon", [os.path.join(self.bin, "alarmd")], self.inbox, self.logs["alarmd"])
         self.screen.restart_clock()
         users = [user for user in self.project.users if user["level"] < NOTIFIED_GROUPS]
@@ -331,6 +343,7 @@ class Demo:
         status = self.daemon.stop()
         if status != 0:
             self.failures.append("the daemon ended with status %s instead of 0" % status)
+        self.requests.stop()
         self.modem.stop()
         self.server.stop()
         self.smtp.stop()
@@ -344,12 +357,14 @@ class Demo:
         if line is None:
             if name == "daemon" and stream == "out":
                 self.failures.append("the daemon ended by itself")
-            elif name in ("server", "modem") and stream == "out":
-                self.failures.append("the simulated %s ended by itself" % name)
+            elif name in ("server", "modem", "gps", "nginx") and stream == "out":
+                self.failures.append("the program %s ended by itself" % name)
         elif name == "server" and stream == "out":
             self.server_line(json.loads(line))
         elif name == "modem" and stream == "out":
             self.modem_line(json.loads(line))
+        elif name == "gps" and stream == "out":
+            self.requests.gps_line(json.loads(line))
         elif name == "daemon" and stream == "out":
             self.daemon_line(line)
         elif name == "daemon":
@@ -372,6 +387,7 @@ class Demo:
             self.screen.event("note", event["error"])
 
     def modem_line(self, event):
+        self.requests.modem_line(event)
         kind = event.get("event")
         if kind == "sms" and event["sent"]:
             self.delivered[Sms(event["number"], event["text"])] += 1
@@ -409,6 +425,7 @@ class Demo:
             self.sent += 1
         else:
             self.sms_line(line)
+            self.requests.daemon_line(line)
 
     def sms_line(self, line):
         if line == "MODEM INITIALIZATION SUCCESSFULL":
@@ -512,6 +529,7 @@ class Demo:
         while self.missing() and not self.failures and (
                 self.screen.seconds() < duration + LAST_LIMIT):
             self.pump()
+        self.requests.run()
         if self.keep and not self.failures:
             self.stay()
 
@@ -540,7 +558,8 @@ class Demo:
         self.expected = collections.Counter({each: n for each, n in self.delivered.items() if isinstance(each, str)})
         self.mailed_changes, self.strangers = 0, self.refused
         for number, stat in self.changes:
-            self.expect(number, stat)
+            if (number, stat) not in self.requests.silenced:
+                self.expect(number, stat)
 
     def typed(self, words):
         states = {"": "activated", "on": "activated", "off": "deactivated", "ack": "acknowledged"}
@@ -584,6 +603,8 @@ class Demo:
         screen.line("  phones     %3d SMS of %d that should arrive" % self.arrived(Sms))
         screen.line("  answers    %3d of %d acknowledged at the server, %d of %d refused" % (
             *self.arrived(str), self.refused, self.strangers))
+        screen.line("  requests   %3d of %d answered as they should be, %d mails and SMS held back" % (
+            self.requests.right, self.requests.asked, self.requests.held_back))
         screen.line("  files      out/mails/  out/*.log  out/plant/ (configuration and project)")
         for failure in self.failures:
             screen.line("  " + failure, COLOURS["error"])
