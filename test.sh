@@ -46,7 +46,7 @@ if [[ -n $all ]]; then packages=$all_packages; else packages=$test_packages; fi
 install_packages build/logs/install.log $packages || exit 1
 
 # System tests mostly wait.
-jobs=$(($(nproc) * 5))
+jobs=$(($(nproc) * 12))
 case $(scripts/world.sh --probe) in
     fixed) echo "No namespaces on this machine: system tests use /etc/korvato and the ports 11010 and 11032" \
         "themselves, one at a time; what was there is put back." ;;

@@ -41,6 +41,45 @@ build_check() {
     if build "$1" "build/logs/build-$1.log"; then pass "build $1"; else fail "build $1"; return 1; fi
 }
 
+# in_background JOB...: does the jobs (builds by their presets, and tidy) one after the other while the tests, which
+# mostly wait, run in front. finish JOB waits for one and counts it as a test of its own.
+in_background() {
+    local job
+    for job; do rm -f "build/logs/$job.status"; done
+    set -m  # a process group of its own, to end it by
+    (
+        renice -n 10 $BASHPID >/dev/null  # the tests in front come first
+        for job; do
+            if [[ $job == tidy ]]; then
+                tidy >build/logs/tidy.log 2>&1 </dev/null
+            else
+                build "$job" "build/logs/build-$job.log" >"build/logs/$job.console" 2>&1
+            fi
+            echo $? >"build/logs/$job.new"
+            mv "build/logs/$job.new" "build/logs/$job.status"
+        done
+    ) </dev/null &
+    background=$!
+    set +m
+    trap 'kill -- -$background 2>/dev/null' EXIT
+    trap 'exit 130' INT
+    trap 'exit 143' TERM HUP
+}
+
+finish() {
+    local job=$1 name="build $1"
+    if [[ $job == tidy ]]; then name="clang-tidy"; fi
+    if [[ ! -e build/logs/$job.status ]]; then echo "Waiting for $name"; fi
+    while [[ ! -e build/logs/$job.status ]] && kill -0 $background 2>/dev/null; do sleep 0.5; done
+    if [[ $(cat "build/logs/$job.status" 2>/dev/null) == 0 ]]; then
+        pass "$name"
+        return 0
+    fi
+    if [[ $job == tidy ]]; then grep -hE 'error:|warning:' build/logs/tidy.log | sort -u; else cat "build/logs/$job.console"; fi
+    fail "$name (build/logs)"
+    return 1
+}
+
 # run_ctest PRESET [PREFIX...]: runs the preset's tests (those that match the filter, where there is one) and adds up
 # the results. PREFIX is a command to run ctest by.
 run_ctest() {
@@ -110,7 +149,7 @@ sanitizer_prefix() {
     return 1
 }
 
-# sanitizer PRESET LIST: build and tests under sanitizers.
+# sanitizer PRESET LIST: the tests under sanitizers, when the build in the background is ready.
 sanitizer() {
     local prefix
     step "Tests with -fsanitize=$2"
@@ -119,7 +158,7 @@ sanitizer() {
         return
     fi
     # shellcheck disable=SC2086
-    build_check "$1" && run_ctest "$1" $prefix
+    finish "$1" && run_ctest "$1" $prefix
 }
 
 sources() { git ls-files --cached --others --exclude-standard '*.cpp' '*.h' 2>/dev/null || list_sources; }
