@@ -47,7 +47,8 @@ install_packages build/logs/install.log $packages || exit 1
 
 # System tests mostly wait.
 jobs=$(($(nproc) * 12))
-case $(scripts/world.sh --probe) in
+world=$(scripts/world.sh --probe)
+case $world in
     fixed) echo "No namespaces on this machine: system tests use /etc/korvato and the ports 11010 and 11032" \
         "themselves, one at a time; what was there is put back." ;;
     none) echo "A plain user gets no namespaces on this machine, so the system tests are skipped; run this as root." ;;
