@@ -29,8 +29,9 @@ constexpr long kLookNanoseconds = 5000000;
 constexpr int kAcknowledgeLooks = 4;
 constexpr int kReadPauseSeconds = 5;
 
-// The reply as it stood when its OK came: what arrives behind it goes over the start of rcv_msg, perhaps
-// before the SMS thread has looked.
+// The reply as it stood when the first OK since clearReply came: what arrives behind it goes over the start
+// of rcv_msg, perhaps before the SMS thread has looked. A later OK changes nothing, or a message with an OK
+// and a header line in its text could pass for one from another sender.
 char complete_reply[kReplyBufferSize] GUARDED_BY(reply_mutex);
 
 // The CR LF that closes an OK belongs to that reply: it is not stored over the reply's start.
@@ -41,7 +42,7 @@ bool endsWith(char first, char second) REQUIRES(reply_mutex) {
 }
 
 void completeReply() REQUIRES(reply_mutex) {
-    memcpy(complete_reply, rcv_msg, sizeof complete_reply);
+    if (complete_reply[0] == '\0') memcpy(complete_reply, rcv_msg, sizeof complete_reply);
     pocetpz = 0;
     closing_line_end = true;
     rec_status = 1;

@@ -69,8 +69,17 @@ TEST_F(ModemTest, AReplyIsWholeAfterItsOkWhateverComesBehindIt) {
 }
 
 TEST_F(ModemTest, TheClosingLineEndIsNotStoredOverTheEcho) {
-    feed("AT\r\r\nOK\r\nAT+CGMM\r\r\nEM7565\r\n\r\nOK\r\n");
+    feed("AT\r\r\nOK");
+    clearReply();
+    feed("\r\nAT+CGMM\r\r\nEM7565\r\n\r\nOK\r\n");
     EXPECT_EQ(replyText(), "AT+CGMM\r\r\nEM7565\r\n\r\nOK");
+}
+
+TEST_F(ModemTest, AHeaderInsideATextDoesNotReplaceTheSender) {
+    feed(
+        "\r\n+CMGR: \"REC UNREAD\",\"666\",,\"t\"\r\nOK\r\n+CMGR: \"REC "
+        "UNREAD\",\"123\",,\"t\"\r\nACK:1\r\n\r\nOK\r\n");
+    EXPECT_EQ(replyText(), "\r\n+CMGR: \"REC UNREAD\",\"666\",,\"t\"\r\nOK");
 }
 
 TEST_F(ModemTest, WithoutAnOkTheBufferIsTheReply) {
