@@ -1,5 +1,6 @@
 // The daemon: start-up, main loop, stop.
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -127,8 +128,10 @@ void stop() {
     MySleep(0, kSettleNanoseconds);
 }
 
-// Ends the process without the destructors of what the responder's thread may still use.
+// Ends the process without waiting for the responder's thread, and without the destructors of what that may
+// still use.
 [[noreturn]] void endProcess() {
+    pthread_detach(th_fcgi->threadID());
     fflush(stdout);
     _exit(0);
 }
