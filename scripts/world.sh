@@ -26,12 +26,23 @@ cover() {
     mount -n --move /mnt "$1"
 }
 
+# Pseudo terminals of the world's own: a number that a modem had is never given to another world's modem, whose bytes
+# would then go astray. Where they cannot be had, the machine's.
+own_terminals() {
+    rm -f /dev/pts /dev/ptmx && mkdir /dev/pts || return
+    if mount -n -t devpts -o newinstance,ptmxmode=0666,mode=0600 devpts /dev/pts 2>/dev/null; then
+        ln -s pts/ptmx /dev/ptmx
+    else
+        mount -n --rbind /dev/.real/pts /dev/pts && ln -s .real/ptmx /dev/ptmx
+    fi
+}
+
 enter() {
     local start=$PWD
     export PATH="$PATH:/usr/sbin:/sbin"
     ip link set lo up || exit 125
     cover /etc && rm -f /etc/korvato && mkdir /etc/korvato || exit 125
-    cover /dev && rm /dev/pts && mkdir /dev/pts && mount -n --rbind /dev/.real/pts /dev/pts || exit 125
+    cover /dev && own_terminals || exit 125
     local link
     for link in $modem_links; do rm -f "/dev/$link"; done
     mount -n -t proc proc /proc 2>/dev/null  # some containers forbid this; the outer /proc does as well
