@@ -12,7 +12,9 @@ LIMIT = 40  # seconds
 SILENCED = 201  # the alarm that happens while notifications are off
 STATUS, POSITION, LAST_SMS, OFF, ON = 51, 53, 54, 55, 56
 
-CONFIGURATION = """daemon off;
+# root is the only user that the private world of a plain user has.
+CONFIGURATION = """user root;
+daemon off;
 master_process off;
 pid %(folder)s/pid;
 error_log stderr;

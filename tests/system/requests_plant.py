@@ -138,7 +138,7 @@ class Nginx(plant.Process):
         temporary = "".join("  %s_temp_path %s/%s;\n" % (name, self.folder, name)
                             for name in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
         with open(os.path.join(self.folder, "nginx.conf"), "w") as file:
-            file.write("daemon off;\nmaster_process off;\npid %s/pid;\nerror_log stderr;\n"
+            file.write("user root;\ndaemon off;\nmaster_process off;\npid %s/pid;\nerror_log stderr;\n"
                        "events {}\nhttp {\n%s  access_log off;\n  server {\n    listen 127.0.0.1:%d;\n"
                        "    include %s;\n  }\n}\n" % (self.folder, temporary, self.port, NGINX_SAMPLE))
         super().__init__([NGINX, "-p", self.folder, "-c", os.path.join(self.folder, "nginx.conf"), "-e", "stderr"])
