@@ -186,10 +186,10 @@ sanitizer() {
 }
 
 sources() { git ls-files --cached --others --exclude-standard '*.cpp' '*.h' 2>/dev/null || list_sources; }
-list_sources() { find alarmd knihovny sim tests bench -name '*.cpp' -o -name '*.h'; }
+list_sources() { find alarmd alarmctl knihovny sim tests bench -name '*.cpp' -o -name '*.h'; }
 
 tidy() {
-    sources | grep -E '^(alarmd|knihovny|sim)/.*\.cpp$' |
+    sources | grep -E '^(alarmd|alarmctl|knihovny|sim)/.*\.cpp$' |
         xargs -P "$(nproc)" -n 1 clang-tidy-14 --quiet -p build/clang 2>/dev/null
 }
 

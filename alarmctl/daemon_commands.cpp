@@ -1,0 +1,3 @@
+#include "alarmctl/commands.h"
+
+void addDaemonCommands(CLI::App&, int&) {}

@@ -1,0 +1,3 @@
+#include "alarmctl/commands.h"
+
+void addProjectCommands(CLI::App&, int&) {}
