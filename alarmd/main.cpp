@@ -20,6 +20,7 @@
 #include "alarmd/settings/config.h"
 #include "alarmd/settings/modem_settings.h"
 #include "alarmd/signals.h"
+#include "alarmd/sms/sms_sending.h"
 #include "alarmd/sms/sms_thread.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
@@ -118,12 +119,21 @@ void runMainLoop() {
     }
 }
 
+// Behind the ends of the workers, wherever in their rounds the stop met them.
+void tellUnsent() {
+    const int mails = fronta_mail.size();
+    if (mails > 0) PrintErrorLine("alarmd: stopping with ", mails, " mail queue entries unsent");
+    const int messages = unsentSms();
+    if (messages > 0) PrintErrorLine("alarmd: stopping with ", messages, " SMS queue entries unsent");
+}
+
 void stop() {
     stopServerLine(tcpc);
     stopServerLine(tcps);
     th_gps.reset();
     th.reset();
     th2.reset();
+    tellUnsent();
     closeHistory();
     MySleep(0, kSettleNanoseconds);
 }

@@ -29,6 +29,8 @@ constexpr size_t kBytesBehindCtrlZ = 10;
 
 constexpr int kSendJson = 50;
 
+int alarms_cut_off = 0;  // taken from the queue, but not told to everybody when the stop request came
+
 // What an alarm's SMS is made of, by its state.
 struct SmsForm {
     const char* tag;
@@ -84,20 +86,22 @@ void notifyUser(_alarm_tag& alarm, const SmsForm& form, const _user& recipient) 
     ++sms_count;
 }
 
-void handleAlarm(_alarm_tag alarm) {
+// False when a stop request came before the last of its messages.
+bool handleAlarm(_alarm_tag alarm) {
     PrintLine("Zpracovavam sms queue SMS");
     const SmsForm form = smsForm(alarm);
     if (isStale(form.event_time)) {
         printStale(form.event_time);
-        return;
+        return true;
     }
     for (const NotifiedGroup& group : groupsNotifiedOf(alarm.id)) {
         PrintLine(color_sms, "(SMS) GROUP: ", group.group, " - FOUND alarm ID: ", alarm.id, color_off);
         for (const _user& recipient : group.users) {
-            if (konec) return;
+            if (konec && !recipient.mobil.empty()) return false;
             notifyUser(alarm, form, recipient);
         }
     }
+    return true;
 }
 
 void handleRaw(const _sms_raw& message, int queued) {
@@ -112,16 +116,11 @@ void handleRaw(const _sms_raw& message, int queued) {
 
 // A stopping daemon writes nothing to the modem any more, so going on would only wait for answers that cannot
 // come.
-bool stopping() {
-    if (!konec) return false;
-    const int unsent = fronta_sms.size() + fronta_sms_raw.size();
-    if (unsent > 0) PrintErrorLine("alarmd: stopping with ", unsent, " SMS queue entries unsent");
-    return true;
-}
-
 void drainQueues() {
     _alarm_tag alarm;
-    while (!stopping() && fronta_sms.take(alarm)) handleAlarm(alarm);
+    while (!konec && fronta_sms.take(alarm)) {
+        if (!handleAlarm(alarm)) ++alarms_cut_off;
+    }
     _sms_raw message;
     int queued;
     while (!konec && (queued = fronta_sms_raw.size()) > 0 && fronta_sms_raw.take(message)) {
@@ -155,6 +154,10 @@ void zpracuj_sms() {
         return;
     }
     drainQueues();
+}
+
+int unsentSms() {
+    return fronta_sms.size() + fronta_sms_raw.size() + alarms_cut_off;
 }
 
 void sendSMS(std::string number, std::string text) {

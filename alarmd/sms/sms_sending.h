@@ -6,8 +6,11 @@
 #include <string>
 
 // One drain of fronta_sms and then fronta_sms_raw. The limit smspeermin is looked at once a drain: one that
-// begins under it sends all that is queued. Ends early, telling what stays unsent, when konec is set.
+// begins under it sends all that is queued. Ends early when konec is set.
 void zpracuj_sms();
+
+// How many alarms and free texts are not sent, or not to everybody. Of use when the SMS thread has ended.
+int unsentSms();
 
 // Sends one text message through the modem and prints the outcome: about 2 s for the prompt, then at most 5 s
 // for the OK. Characters that would end the number or the text early on the line (quotation marks and control

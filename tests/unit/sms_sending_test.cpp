@@ -4,8 +4,10 @@
 
 #include <ctime>
 #include <string>
+#include <thread>
 
 #include "alarmd/project/alarm_definitions.h"
+#include "knihovny/generalfce.h"
 #include "pty_modem.h"
 
 namespace {
@@ -203,8 +205,48 @@ TEST_F(SmsSendingTest, DisabledNotificationsAreToldAndCountedAndRawMessagesGo) {
 TEST_F(SmsSendingTest, AStopLeavesTheDrain) {
     fronta_sms_raw.push({"9", "raw", "127.0.0.1", -1});
     konec = true;
+    const int before = unsentSms();
     zpracuj_sms();
     EXPECT_EQ(fronta_sms_raw.size(), 1);
+    EXPECT_EQ(unsentSms(), before);
+}
+
+TEST_F(SmsSendingTest, AnAlarmThatAStopCutsOffCountsAsUnsent) {
+    define(17, "Pump failure");
+    join(2, 17, member("1"));
+    join(2, 17, member("2"));
+    join(3, 17, member(""));
+    const int before = unsentSms();
+    fronta_sms.push(alarmNow(17, kActivated));
+    fronta_sms.push(alarmNow(17, kDeactivated));
+    PtyModem line;
+    ASSERT_TRUE(connectModem(line.device()));
+    std::thread stop([] {
+        MySleep(0, 500000000);
+        konec = true;
+    });
+    zpracuj_sms();
+    stop.join();
+    EXPECT_EQ(sms_counter, 1);
+    EXPECT_EQ(fronta_sms.size(), 1);
+    EXPECT_EQ(unsentSms(), before + 2);
+}
+
+TEST_F(SmsSendingTest, AnAlarmOnWhoseLastMessageAStopComesIsNotCutOff) {
+    define(17, "Pump failure");
+    join(2, 17, member("1"));
+    join(2, 17, member(""));
+    const int before = unsentSms();
+    fronta_sms.push(alarmNow(17, kActivated));
+    PtyModem line;
+    ASSERT_TRUE(connectModem(line.device()));
+    std::thread stop([] {
+        MySleep(0, 500000000);
+        konec = true;
+    });
+    zpracuj_sms();
+    stop.join();
+    EXPECT_EQ(unsentSms(), before);
 }
 
 }  // namespace
