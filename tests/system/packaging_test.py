@@ -1,0 +1,72 @@
+"""What is delivered around the daemon: how the program is hardened, the unit's rules, the manual pages."""
+
+import os
+import re
+import shutil
+import subprocess
+
+import plant
+
+PACKAGING = os.path.join(plant.SOURCE, "packaging")
+UNIT = os.path.join(PACKAGING, "systemd", "alarmd.service")
+MOST_EXPOSURE = 2.0
+
+
+def output(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True, env={**os.environ, "LC_ALL": "C"}).stdout
+
+
+class Hardening(plant.PlantTest):
+    def test_the_program_is_hardened(self):
+        if re.search("lib[at]san", output("ldd", plant.ALARMD)):
+            self.skipTest("sanitizers take the place of the hardening")
+        self.assertRegex(output("readelf", "-hW", plant.ALARMD), r"Type:\s+DYN")
+        self.assertIn("GNU_RELRO", output("readelf", "-lW", plant.ALARMD))
+        self.assertRegex(output("readelf", "-lW", plant.ALARMD), r"GNU_STACK.* RW ")
+        self.assertRegex(output("readelf", "-dW", plant.ALARMD), r"FLAGS.*BIND_NOW")
+        self.assertRegex(output("readelf", "-dW", plant.ALARMD), r"FLAGS_1.*PIE")
+        symbols = output("readelf", "--dyn-syms", "-W", plant.ALARMD)
+        self.assertIn("__stack_chk_fail", symbols)
+        self.assertRegex(symbols, r"__(snprintf|read|memcpy|poll|fdelt)_chk")
+
+
+class Unit(plant.PlantTest):
+    def setUp(self):
+        super().setUp()
+        if not shutil.which("systemd-analyze"):
+            self.skipTest("systemd-analyze is not installed")
+
+    def test_the_exposure_of_the_unit_is_low(self):
+        table = output("systemd-analyze", "security", "--offline=yes", "--no-pager", UNIT)
+        exposure = float(re.search(r"Overall exposure level for \S+: ([0-9.]+)", table).group(1))
+        self.assertLess(exposure, MOST_EXPOSURE, table)
+
+    def test_the_unit_has_no_mistake(self):
+        # Program and manual pages are not installed here.
+        path = self.write("unit/alarmd.service", open(UNIT).read().replace("/usr/sbin/alarmd", plant.ALARMD))
+        done = subprocess.run(["systemd-analyze", "verify", "--man=no", path], capture_output=True, text=True)
+        complaints = [line for line in done.stderr.splitlines() if "alarmd.service" in line]
+        self.assertEqual(complaints, [])
+        self.assertEqual(done.returncode, 0, done.stderr)
+
+    def test_every_end_is_followed_by_a_start(self):
+        lines = open(UNIT).read().splitlines()
+        for line in ("Restart=always", "User=korvato", "SupplementaryGroups=dialout", "StartLimitIntervalSec=0"):
+            self.assertIn(line, lines)
+
+
+class ManualPages(plant.PlantTest):
+    def test_the_manual_names_every_option_and_key(self):
+        manual = open(os.path.join(PACKAGING, "man", "alarmd.8")).read()
+        for option in "cmsth":
+            self.assertIn(r"\-%s" % option, manual)
+        keys = open(os.path.join(plant.SOURCE, "alarmd", "settings", "modem_settings.cpp")).read()
+        described = open(os.path.join(PACKAGING, "man", "korvato.conf.5")).read()
+        names = re.findall(r'^    \{"(\w+)", &ModemSettings::', keys, re.MULTILINE)
+        self.assertGreater(len(names), 10)
+        for name in names:
+            self.assertIn(name + "@", described)
+
+
+if __name__ == "__main__":
+    plant.main()
