@@ -71,7 +71,7 @@ class Output:
     def __init__(self, stream):
         self._stream = stream
         self._condition = threading.Condition()
-        self.raw = b""
+        self.raw = bytearray()
         self.lines = []  # (monotonic time, text without newline)
         self.ended = False
         self._thread = threading.Thread(target=self._read, daemon=True)
