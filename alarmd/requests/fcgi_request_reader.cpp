@@ -4,15 +4,17 @@
 #include <cstdlib>
 #include <utility>
 
+using fastcgi::kAbortRequest;
+using fastcgi::kBeginBodyLength;
+using fastcgi::kBeginRequest;
+using fastcgi::kKeepConnection;
+using fastcgi::kLastRole;
+using fastcgi::kLongestContent;
+using fastcgi::kParams;
+using fastcgi::kStdin;
+using fastcgi::kVersion;
+
 namespace {
-
-constexpr unsigned char kVersion = 1;
-constexpr size_t kBeginBodyLength = 8;
-constexpr int kLastRole = 3;
-constexpr unsigned char kKeepConnection = 1;
-constexpr size_t kLongestContent = 65528;  // of a record; a multiple of 8, so that nothing is padded
-
-enum RecordType { kBeginRequest = 1, kAbortRequest = 2, kParams = 4, kStdin = 5 };
 
 // A length of one byte, or of four with the highest bit set. False when bytes end within it.
 bool takeLength(std::string_view& bytes, size_t& length) {
@@ -27,6 +29,13 @@ bool takeLength(std::string_view& bytes, size_t& length) {
     length = (at(0) & 0x7f) << 24 | at(1) << 16 | at(2) << 8 | at(3);
     bytes.remove_prefix(4);
     return true;
+}
+
+// The inverse. REQUIRES: length is below 2^31.
+std::string lengthBytes(size_t length) {
+    const auto byte = [&](int shift) { return static_cast<char>(length >> shift & 0xff); };
+    if (length < 0x80) return {byte(0)};
+    return {static_cast<char>(0x80 | length >> 24), byte(16), byte(8), byte(0)};
 }
 
 // Takes a name-value pair from the front. False when there is no whole one.
@@ -188,6 +197,10 @@ FcgiRequest FcgiRequestReader::next() {
     stage_ = Stage::kBetween;
     state_ = State::kReading;
     return std::exchange(request_, FcgiRequest());
+}
+
+std::string fcgiPair(std::string_view name, std::string_view value) {
+    return lengthBytes(name.size()) + lengthBytes(value.size()) + std::string(name) + std::string(value);
 }
 
 std::string fcgiRecords(const FcgiRequest& request) {

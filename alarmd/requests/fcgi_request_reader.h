@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "alarmd/requests/fcgi_protocol.h"
+
 // A whole request of a web server.
 struct FcgiRequest {
     int id = 0;    // 1 to 65535
@@ -43,7 +45,7 @@ class FcgiRequestReader {
   private:
     enum class Stage { kBetween, kParams, kBody };
 
-    static constexpr size_t kHeaderLength = 8;
+    static constexpr size_t kHeaderLength = fastcgi::kHeaderLength;
     static constexpr size_t kLongestParams = 65536;
 
     size_t takeHeader(std::string_view bytes);
@@ -71,6 +73,9 @@ class FcgiRequestReader {
     bool body_ended_ = false;
     FcgiRequest request_;
 };
+
+// A name-value pair in FastCGI's coding, for params.
+std::string fcgiPair(std::string_view name, std::string_view value);
 
 // The request in as few records as can be, with the connection kept open behind it.
 std::string fcgiRecords(const FcgiRequest& request);
