@@ -30,28 +30,6 @@ std::string oneLine(std::string_view text) {
     return line;
 }
 
-// There is no empty line between the header and the first delimiter. The delimiter line is no header field,
-// so it ends the header for every reader, and the part's own header follows it.
-std::string composeMessage(std::string_view to, std::string_view body, std::string_view subject) {
-    const std::string boundary = random_string();
-    std::string message;
-    message.reserve(body.size() + 1024);
-    AppendLine(message, "From: ", oneLine(mail_from));
-    AppendLine(message, "To: ", oneLine(to));
-    AppendLine(message, "User-Agent: Korvato mailer");
-    AppendLine(message, "MIME-Version: 1.0");
-    AppendLine(message, "Subject: ", oneLine(subject));
-    AppendLine(message, "Content-Type: multipart/mixed; boundary=\"_", boundary, "\"");
-    AppendLine(message, "--_", boundary);
-    AppendLine(message, "Content-Type: text/html; charset=UTF-8");
-    AppendLine(message, "Content-Transfer-Encoding: quoted-printable");
-    AppendLine(message, "Content-Disposition: inline");
-    AppendLine(message);
-    AppendLine(message, body);
-    AppendLine(message, "--_", boundary, "--");
-    return message;
-}
-
 // The command as it would be typed: for the log only, no shell ever sees it.
 std::string commandLine(const std::string& client, const std::string& message) {
     return "echo \"" + message + "\"|" + client + " -C " + msmtp_conf_file + " -a korvato -t";
@@ -88,6 +66,32 @@ std::string random_string() {
     return text;
 }
 
+// There is no empty line between the header and the first delimiter. The delimiter line is no header field,
+// so it ends the header for every reader, and the part's own header follows it.
+std::string composeMessage(std::string_view to, std::string_view body, std::string_view subject) {
+    const std::string boundary = random_string();
+    std::string message;
+    message.reserve(body.size() + 1024);
+    AppendLine(message, "From: ", oneLine(mail_from));
+    AppendLine(message, "To: ", oneLine(to));
+    AppendLine(message, "User-Agent: Korvato mailer");
+    AppendLine(message, "MIME-Version: 1.0");
+    AppendLine(message, "Subject: ", oneLine(subject));
+    AppendLine(message, "Content-Type: multipart/mixed; boundary=\"_", boundary, "\"");
+    AppendLine(message, "--_", boundary);
+    AppendLine(message, "Content-Type: text/html; charset=UTF-8");
+    AppendLine(message, "Content-Transfer-Encoding: quoted-printable");
+    AppendLine(message, "Content-Disposition: inline");
+    AppendLine(message);
+    AppendLine(message, body);
+    AppendLine(message, "--_", boundary, "--");
+    return message;
+}
+
+std::string mailClientPath() {
+    return binFolder + "/ext/msmtp/msmtp";
+}
+
 std::string getReadebleTime(int64_t t) {
     if (t < 1) return "-";
     const time_t seconds = t;
@@ -118,8 +122,8 @@ void readCSSTemplate() {
 void send_mail(const char* to, std::string body, const char* /*ignored*/, const char* subject) {
     client_hung = false;
     if (!use_msmtp) return;
-    const std::string client = binFolder + "/ext/msmtp/msmtp";
-    std::string message = composeMessage(to, body, test_send ? subject : "Online Alarming");
+    const std::string client = mailClientPath();
+    std::string message = composeMessage(to, body, test_send ? subject : kAlarmSubject);
     std::string log;
     AppendLine(log, "Alarm email");
     AppendLine(log, "From: ", oneLine(mail_from));

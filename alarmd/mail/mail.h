@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 // The head that every alarm mail begins with: html tag, style sheet, empty title, body tag. See
 // style_sheet.h.
@@ -15,6 +16,16 @@ std::string random_string();
 // "-" for t (seconds since the epoch) below 1, else local time as "%c" gives it (POSIX locale: Sun Nov 15
 // 12:05:51 2026). "-" too for a time whose year fits in no calendar. Any thread.
 std::string getReadebleTime(int64_t t);
+
+constexpr char kAlarmSubject[] = "Online Alarming";
+
+// The whole message with the HTML text body to the address or comma-separated addresses to, with a fresh
+// boundary from random_string. CR and LF in the addresses and the subject are dropped. The mail client gets
+// one more newline behind it.
+std::string composeMessage(std::string_view to, std::string_view body, std::string_view subject);
+
+// The mail client: binFolder/ext/msmtp/msmtp.
+std::string mailClientPath();
 
 // Reads ./template_css.html into css_string, or prints "Unable to open template file". Not called by the
 // daemon.

@@ -105,21 +105,21 @@ void deliver(const Recipient& recipient, std::string body) {
     PrintLine("-> Odeslan");
 }
 
-void makeMail(const _alarm_tag& alarm, const char* status, const Recipient& recipient) {
-    const std::string lang = recipient.user.lang.empty() ? "default" : recipient.user.lang;
+void makeMail(const _alarm_tag& alarm, const Recipient& recipient) {
+    const std::string lang = mailLanguage(recipient.user);
     const _langs texts = getTextForLangs(alarm.id, lang);
     printRecipient(alarm, recipient, lang, texts);
     subject = "\"Alarming-immediately\"";
     test = '0';
-    deliver(recipient, css_string + kTableHead + tableRow(alarm, status, texts) + kTail);
+    deliver(recipient, alarmMailBody(alarm, texts));
 }
 
 // Makes the alarm's mails. Returns how many were given up, because a client hung at a stop request in this
 // pass.
 int handleAlarm(const _alarm_tag& alarm, bool& hung) {
-    const Event event = eventOf(alarm);
-    if (isStale(event.time)) {
-        printStale(event.time);
+    const int64_t event_time = eventOf(alarm).time;
+    if (isStale(event_time)) {
+        printStale(event_time);
         return 0;
     }
     int given_up = 0;
@@ -129,7 +129,7 @@ int handleAlarm(const _alarm_tag& alarm, bool& hung) {
                 ++given_up;
                 continue;
             }
-            makeMail(alarm, event.status, {group.group, member});
+            makeMail(alarm, {group.group, member});
             hung = mailClientHung();
         }
     }
@@ -144,6 +144,14 @@ void printPassHeader() {
 }
 
 }  // namespace
+
+std::string mailLanguage(const _user& recipient) {
+    return recipient.lang.empty() ? "default" : recipient.lang;
+}
+
+std::string alarmMailBody(const _alarm_tag& alarm, const _langs& texts) {
+    return css_string + kTableHead + tableRow(alarm, eventOf(alarm).status, texts) + kTail;
+}
 
 void vlakno_m() {
     sleep(kStartPauseSeconds);

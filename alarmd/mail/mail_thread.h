@@ -3,12 +3,19 @@
 #include <atomic>
 #include <string>
 
+#include "alarmd/alarmd.h"
 #include "knihovny/thread3.h"
 
 // Set for each alarm mail and read by nothing else: the text handed to send_mail as its ignored third
 // argument, and a mark. Mail thread only.
 extern std::string subject;
 extern std::string test;
+
+// The language whose texts a user gets by mail: "default" for a user without one.
+std::string mailLanguage(const _user& recipient);
+
+// The HTML text of an alarm's mail with these texts of the alarm. Any thread.
+std::string alarmMailBody(const _alarm_tag& alarm, const _langs& texts);
 
 // The mail thread's body: after 2 s one pass every 3 s until konec is set. No pass starts while thr_lock is
 // raised.

@@ -38,6 +38,13 @@ class CsvFile {
     // A column; valid until the next line. REQUIRES: index < size().
     std::string_view operator[](size_t index) const { return columns_[index]; }
 
+    // The whole line without its line feed, columns left empty and beyond kMaxColumns too; valid as a column
+    // is.
+    std::string_view line() const { return line_; }
+
+    // Counted from 1.
+    size_t lineNumber() const { return line_number_; }
+
     // "path, line 7", for messages.
     std::string where() const;
 

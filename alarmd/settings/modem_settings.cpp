@@ -156,6 +156,12 @@ void printSwitchedOn(const ModemSettings& settings) {
 
 }  // namespace
 
+std::vector<std::string_view> modemSettingNames() {
+    std::vector<std::string_view> names;
+    for (const Key& key : kKeys) names.emplace_back(key.name);
+    return names;
+}
+
 void readSMSset() {
     PrintLine("Nacitam settings.json");
     ModemSettings settings;
