@@ -51,12 +51,6 @@ SmsForm smsForm(const _alarm_tag& alarm) {
     }
 }
 
-std::string composeText(const SmsForm& form, const std::string& message) {
-    std::string text = std::string(form.tag) + " " + message + form.suffix;
-    if (text.size() > kTextLimit) text.resize(kTextLimit);
-    return text;
-}
-
 void printRequest(const std::string& number, const std::string& text) {
     Json::Value request;
     request["t"] = kSendJson;
@@ -65,14 +59,14 @@ void printRequest(const std::string& number, const std::string& text) {
     PrintLine("Sendind: ", writeJson(request));
 }
 
-void notifyUser(_alarm_tag& alarm, const SmsForm& form, const _user& recipient) {
+void notifyUser(_alarm_tag& alarm, const _user& recipient) {
     const _langs texts = getTextForLangs(alarm.id, recipient.lang);
     alarm.dev = texts.deviceLangs;
     alarm.msg = texts.messageLangs;
     alarm.area = texts.areaLangs;
     if (recipient.mobil.empty()) return;
 
-    const std::string text = composeText(form, alarm.msg);
+    const std::string text = alarmSmsText(alarm, alarm.msg);
     if (dbglev > 0) printRequest(recipient.mobil, text);
     if (testing_sms == 0) {
         if (disable_notification) {
@@ -89,16 +83,16 @@ void notifyUser(_alarm_tag& alarm, const SmsForm& form, const _user& recipient) 
 // False when a stop request came before the last of its messages.
 bool handleAlarm(_alarm_tag alarm) {
     PrintLine("Zpracovavam sms queue SMS");
-    const SmsForm form = smsForm(alarm);
-    if (isStale(form.event_time)) {
-        printStale(form.event_time);
+    const int64_t event_time = smsForm(alarm).event_time;
+    if (isStale(event_time)) {
+        printStale(event_time);
         return true;
     }
     for (const NotifiedGroup& group : groupsNotifiedOf(alarm.id)) {
         PrintLine(color_sms, "(SMS) GROUP: ", group.group, " - FOUND alarm ID: ", alarm.id, color_off);
         for (const _user& recipient : group.users) {
             if (konec && !recipient.mobil.empty()) return false;
-            notifyUser(alarm, form, recipient);
+            notifyUser(alarm, recipient);
         }
     }
     return true;
@@ -136,6 +130,13 @@ bool endsText(char c) {
 }
 
 }  // namespace
+
+std::string alarmSmsText(const _alarm_tag& alarm, const std::string& message) {
+    const SmsForm form = smsForm(alarm);
+    std::string text = std::string(form.tag) + " " + message + form.suffix;
+    if (text.size() > kTextLimit) text.resize(kTextLimit);
+    return text;
+}
 
 void zpracuj_sms() {
     const time_t now = time(nullptr);

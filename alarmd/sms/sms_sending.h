@@ -1,9 +1,16 @@
-// Sending of SMS: alarms and free texts, within a per-minute limit. SMS thread only.
+// Sending of SMS: alarms and free texts, within a per-minute limit. SMS thread only, where nothing else is
+// said.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <string>
+
+#include "alarmd/alarmd.h"
+
+// The text of an alarm's SMS, 999 bytes at most. message: the alarm's message text in the recipient's
+// language. Any thread.
+std::string alarmSmsText(const _alarm_tag& alarm, const std::string& message);
 
 // One drain of fronta_sms and then fronta_sms_raw. The limit smspeermin is looked at once a drain: one that
 // begins under it sends all that is queued. Ends early when konec is set.
