@@ -41,9 +41,8 @@ int runCommand(int argc, char* argv[]) {
 
 // What was printed may not have got to its place: a full disk, a reader that is gone.
 bool outputWritten() {
-    std::cout.flush();
     errno = 0;
-    if (fflush(stdout) == 0 && !ferror(stdout) && std::cout.good()) return true;
+    if (fflush(stdout) == 0 && !ferror(stdout) && std::cout.flush()) return true;
     fprintf(stderr, "alarmctl: the output cannot be written%s%s\n", errno ? ": " : "",
             errno ? strerror(errno) : "");
     return false;
