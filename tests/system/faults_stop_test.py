@@ -66,7 +66,7 @@ class StopTest(fleet_plant.FleetTest):
             thread.join()
             self.assertIn(member, self.took, "no phase or no end: %s\n%s" % (member.name, member.out.text()[-4000:]))
             print("%s: %.1f s, pauses of %d s" % (member.name, self.took[member], pauses))
-            self.assertEqual(member.daemon.wait_exit(), 0, member.name + ": " + member.daemon.err.text()[-4000:])
+            self.assert_ended_well(member)
             self.assertLess(self.took[member], pauses + ALLOWANCE, member.name)
 
 
@@ -206,7 +206,7 @@ class SmsThread(StopTest):
 class Others(StopTest):
     def test_gps_while_it_waits_for_the_modem_and_in_its_loop(self):
         waits = self.add("waits", start=False, gps_enable=True)
-        self.start_phase(waits, printed(plant.starting("JSON : ")), LOOP + 1)
+        self.start_phase(waits, printed(plant.starting("JSON : ")), 5 + 2 + 2)  # the SMS thread's
         self.pty("modem", fleet_plant.obliging)
         loops = self.add("loops", self.path("modem"), start=False, gps_enable=True)
         os.mkfifo(os.path.join(loops.folder, "gps"))
@@ -235,7 +235,9 @@ class Others(StopTest):
             self.assert_phases_end()
             for asker in askers:
                 asker.join()
-            self.assertEqual(set(answers), {status})
+            # One that is taken up behind the signal is ended without an answer.
+            self.assertLessEqual(set(answers), {status, b""})
+            self.assertEqual(set(answers[:100]), {status})
             self.phases.clear()
 
     def test_many_signals(self):
