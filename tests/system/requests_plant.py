@@ -19,6 +19,8 @@ FCGI_PORT = 11032
 CGI_FCGI = "/usr/bin/cgi-fcgi"
 NGINX = "/usr/sbin/nginx"
 NGINX_SAMPLE = os.path.join(plant.SOURCE, "packaging", "nginx", "alarmd.conf")
+CONSOLE_SAMPLE = os.path.join(plant.SOURCE, "packaging", "nginx", "console.conf")
+CONSOLE_PAGE = os.path.join(plant.SOURCE, "packaging", "web")
 
 PARSE_FAILURE = b'{"s":0, "err":"Failed to parse JSON"}'
 SMS_TAKEN = b'{"s":1,"r":50}\n'
@@ -129,9 +131,9 @@ def ask(body):
 # ---- the web server ------------------------------------------------------------------------------------------------
 
 class Nginx(plant.Process):
-    """nginx with the sample configuration, in a folder of its own."""
+    """nginx with the sample configuration, in a folder of its own; more stands in the server block besides."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, more=""):
         self.folder = os.path.join(folder, "nginx")
         os.makedirs(self.folder)
         self.port = plant.free_port()
@@ -140,7 +142,7 @@ class Nginx(plant.Process):
         with open(os.path.join(self.folder, "nginx.conf"), "w") as file:
             file.write("user root;\ndaemon off;\nmaster_process off;\npid %s/pid;\nerror_log stderr;\n"
                        "events {}\nhttp {\n%s  access_log off;\n  server {\n    listen 127.0.0.1:%d;\n"
-                       "    include %s;\n  }\n}\n" % (self.folder, temporary, self.port, NGINX_SAMPLE))
+                       "    include %s;\n%s  }\n}\n" % (self.folder, temporary, self.port, NGINX_SAMPLE, more))
         super().__init__([NGINX, "-p", self.folder, "-c", os.path.join(self.folder, "nginx.conf"), "-e", "stderr"])
         plant.wait_for(self._answers, "the web server", detail=self.err.text)
 
@@ -151,16 +153,31 @@ class Nginx(plant.Process):
         except OSError:
             return False
 
-    def post(self, body, path="/alarmd"):
+    def post(self, body, path="/alarmd", **headers):
+        return self.ask("POST", path, body, headers)
+
+    def ask(self, method, path, body=None, headers=None):
         """The status and the body of the answer."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=plant.PATIENCE)
         try:
-            connection.request("POST", path, body)
+            connection.request(method, path, body, headers or {})
             answer = connection.getresponse()
             self.headers = answer.headers
             return answer.status, answer.read()
         finally:
             connection.close()
+
+
+class ConsoleNginx(Nginx):
+    """The same, with the console page from where it is in the sources."""
+
+    def __init__(self, folder):
+        with open(CONSOLE_SAMPLE) as file:
+            sample = file.read()
+        if "alias /usr/share/alarmd/console/;" not in sample:
+            raise AssertionError("the sample serves the page from elsewhere")
+        super().__init__(folder, sample.replace("/usr/share/alarmd/console/", CONSOLE_PAGE + "/"))
+        self.page = "http://127.0.0.1:%d/console/" % self.port
 
 
 # ---- GPS -----------------------------------------------------------------------------------------------------------
