@@ -1,0 +1,70 @@
+#include "alarmctl/check.h"
+
+#include "alarmctl/check_config.h"
+#include "alarmctl/check_loaders.h"
+#include "alarmctl/check_project.h"
+#include "alarmctl/check_settings.h"
+#include "alarmd/alarmd.h"
+#include "alarmd/settings/modem_settings.h"
+
+namespace {
+
+void checkFiles(CheckReport& report, AlarmPlaces& places) {
+    const Silence silence;
+    Findings& findings = report.findings;
+    checkPresence(findings);
+    checkGroups(findings);
+    checkDefinitions(findings, places);
+    checkProjectId(findings);
+    checkUsers(findings);
+}
+
+// What the daemon itself says of the files. Only then can they be loaded into this process.
+void runLoaders(CheckReport& report) {
+    const LoaderRun run = tryLoaders();
+    report.starts = run.survived;
+    for (size_t i = 0; i < run.complaints.size(); ++i) {
+        const bool last_words = !run.survived && i + 1 == run.complaints.size();
+        const Finding finding = findingFrom(run.complaints[i], last_words);
+        // What cannot be opened is told with its consequence by the check of the file.
+        if (finding.code != "unreadable") report.findings.add(finding);
+    }
+}
+
+}  // namespace
+
+CheckReport checkAll(bool machine) {
+    CheckReport report;
+    for (const std::string* path : {&conf_file, &msmtp_conf_file, &sms_conf_file}) {
+        if (canBeLoaded(*path, report.findings)) continue;
+        report.starts = false;
+        return report;
+    }
+    loadConfiguration();
+    if (!checkConfiguration(report.findings)) return report;
+    AlarmPlaces places;
+    checkFiles(report, places);
+    runLoaders(report);
+    if (report.starts) {
+        loadAll();
+        report.loaded = checkNotifications(places, report.findings);
+    } else {
+        const Silence silence;
+        readSMSset();
+    }
+    checkModemSettings(report.findings);
+    if (machine) checkMachine(report.findings);
+    return report;
+}
+
+std::string summaryOf(const CheckReport& report) {
+    const Findings& findings = report.findings;
+    std::string text = counted(findings.count(Severity::kError), "error") + ", " +
+                       counted(findings.count(Severity::kWarning), "warning") + ", " +
+                       counted(findings.count(Severity::kNote), "note") + " in " +
+                       counted(findings.files().size(), "file") + ": ";
+    if (!report.starts) return text + "the daemon would not start";
+    return text + "the daemon would start; " + counted(report.loaded.alarms, "alarm") + ", " +
+           counted(report.loaded.users, "user") + ", " + counted(report.loaded.groups, "group") +
+           " are in use";
+}

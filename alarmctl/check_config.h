@@ -1,0 +1,17 @@
+// Checks of the key/value files: korvato.conf, msmtp.conf, sms.conf and the project's setting.txt.
+#pragma once
+
+#include <string>
+
+#include "alarmctl/findings.h"
+
+// Looks at the three configuration files named by conf_file, msmtp_conf_file and sms_conf_file. False when
+// the main one cannot be read, so that nothing else is known. REQUIRES: loadConfiguration was called, unless
+// canBeLoaded is false.
+bool checkConfiguration(Findings& findings);
+
+// Whether reading the file would not wait for ever: false for a pipe, a socket or a device, which is told.
+bool canBeLoaded(const std::string& path, Findings& findings);
+
+// Looks at project_file, from which the project id comes.
+void checkProjectIdFile(Findings& findings);
