@@ -221,6 +221,8 @@ class Killed(faults_plant.FaultTest):
         self.history = faults_plant.History()
         self.fake_client()
         self.start_daemon_for(5, modemPort="")
+        # What happens from now on is behind the daemon's start.
+        self.daemon.out.wait("Setting CURL Options.")
         failed = 0
         for number in range(FIRST, FIRST + 4, 2):
             # Away: at the start, and killed in a poll.
