@@ -1,6 +1,8 @@
 #include "knihovny/generalfce.h"
 
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -75,6 +77,17 @@ bool storeBlock(const char* block, size_t length, std::string& line,
     return true;
 }
 
+// A pipe that nobody writes to reads as an empty file: an ordinary opening would wait for a writer without
+// limit.
+FILE* openToRead(const std::string& path) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (descriptor < 0) return nullptr;
+    fcntl(descriptor, F_SETFL, O_RDONLY);  // a writer that is there is waited for
+    FILE* file = fdopen(descriptor, "r");
+    if (!file) close(descriptor);
+    return file;
+}
+
 struct FileCloser {
     void operator()(FILE* file) const { fclose(file); }
 };
@@ -115,7 +128,7 @@ void TiskTed2(char* buffer, int size) {
 }
 
 bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map) {
-    const std::unique_ptr<FILE, FileCloser> file(fopen(path.c_str(), "re"));
+    const std::unique_ptr<FILE, FileCloser> file(openToRead(path));
     const auto block = std::make_unique<char[]>(kReadBlock);
     size_t length = file ? fread(block.get(), 1, kReadBlock, file.get()) : 0;
     // A folder opens and gives an error at the first read.

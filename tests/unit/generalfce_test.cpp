@@ -1,6 +1,7 @@
 #include "knihovny/generalfce.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -122,6 +123,28 @@ TEST_F(ParamNactiTest, AFolderIsToldAsAFileThatCannotBeOpened) {
     EXPECT_FALSE(ParamNacti(folder_, map));
     EXPECT_EQ(GetCapturedStdout(), "Nelze otevrit konfiguracni soubor\n");
     EXPECT_EQ(map, (Parameters{{"a", "1"}}));
+}
+
+TEST_F(ParamNactiTest, APipeThatNobodyWritesToIsAsAnEmptyFile) {
+    ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+    Parameters map{{"a", "1"}};
+    EXPECT_TRUE(ParamNacti(path_, map));
+    EXPECT_EQ(map, (Parameters{{"a", "1"}}));
+}
+
+TEST_F(ParamNactiTest, APipeIsReadToItsWritersEnd) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    std::thread writer([&ends] {
+        usleep(50000);
+        EXPECT_EQ(::write(ends[1], "key value\n", 10), 10);
+        close(ends[1]);
+    });
+    Parameters map;
+    EXPECT_TRUE(ParamNacti("/proc/self/fd/" + std::to_string(ends[0]), map));
+    writer.join();
+    close(ends[0]);
+    EXPECT_EQ(map, (Parameters{{"key", "value"}}));
 }
 
 TEST_F(ParamNactiTest, LinesAreWholeWhereverTheReadBlocksEnd) {
