@@ -20,12 +20,11 @@ void checkFiles(CheckReport& report, AlarmPlaces& places) {
 }
 
 // What the daemon itself says of the files. Only then can they be loaded into this process.
-void runLoaders(CheckReport& report) {
-    const LoaderRun run = tryLoaders();
-    report.starts = run.survived;
-    for (size_t i = 0; i < run.complaints.size(); ++i) {
-        const bool last_words = !run.survived && i + 1 == run.complaints.size();
-        const Finding finding = findingFrom(run.complaints[i], last_words);
+void takeOutcome(const LoaderOutcome& outcome, CheckReport& report) {
+    report.starts = outcome.survived;
+    for (size_t i = 0; i < outcome.complaints.size(); ++i) {
+        const bool last_words = !outcome.survived && i + 1 == outcome.complaints.size();
+        const Finding finding = findingFrom(outcome.complaints[i], last_words);
         // What cannot be opened is told with its consequence by the check of the file.
         if (finding.code != "unreadable") report.findings.add(finding);
     }
@@ -42,9 +41,10 @@ CheckReport checkAll(bool machine) {
     }
     loadConfiguration();
     if (!checkConfiguration(report.findings)) return report;
+    LoaderRun loaders;
     AlarmPlaces places;
     checkFiles(report, places);
-    runLoaders(report);
+    takeOutcome(loaders.outcome(), report);
     if (report.starts) {
         loadAll();
         report.loaded = checkNotifications(places, report.findings);

@@ -13,11 +13,11 @@
 #include <string_view>
 #include <utility>
 
+#include "alarmctl/commands.h"
 #include "alarmd/alarmd.h"
 #include "alarmd/project/csv_file.h"
 #include "alarmd/settings/config.h"
 #include "alarmd/settings/modem_settings.h"
-#include "knihovny/descriptor.h"
 #include "knihovny/splitter.h"
 
 namespace {
@@ -127,25 +127,32 @@ Silence::~Silence() {
     }
 }
 
-LoaderRun tryLoaders() {
-    LoaderRun run;
-    const Descriptor errors(memfd_create("loaders", MFD_CLOEXEC));
+LoaderRun::LoaderRun() : errors_(memfd_create("loaders", MFD_CLOEXEC)) {
     fflush(nullptr);
-    const pid_t child = fork();
-    if (child < 0) {
+    child_ = fork();
+    if (child_ < 0) {
         perror("alarmctl: fork");
-        exit(2);
+        exit(kFailed);
     }
-    if (child == 0) runChild(errors.get());
+    if (child_ == 0) runChild(errors_.get());
+}
+
+LoaderRun::~LoaderRun() {
+    if (child_ > 0) outcome();
+}
+
+LoaderOutcome LoaderRun::outcome() {
+    LoaderOutcome result;
     int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    while (waitpid(child_, &status, 0) < 0 && errno == EINTR) {
     }
-    run.survived = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    const Splitter lines(textIn(errors.get()), "\n");
+    child_ = 0;
+    result.survived = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    const Splitter lines(textIn(errors_.get()), "\n");
     for (size_t i = 0; i < lines.size(); ++i) {
-        if (!lines[i].empty()) run.complaints.push_back(lines[i]);
+        if (!lines[i].empty()) result.complaints.push_back(lines[i]);
     }
-    return run;
+    return result;
 }
 
 void loadAll() {

@@ -1,10 +1,13 @@
 // The daemon's own loaders, run for what they say.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
 #include "alarmctl/findings.h"
+#include "knihovny/descriptor.h"
 
 // Sends standard output and standard error to nowhere while it lives.
 class Silence {
@@ -19,16 +22,30 @@ class Silence {
 };
 
 // What the daemon would do with its files at the start.
-struct LoaderRun {
+struct LoaderOutcome {
     bool survived = false;
     std::vector<std::string> complaints;  // the lines on standard error
 };
 
-// Lets a child process read all files as the daemon does at its start, since that may end the process. The
-// paths are the daemon's conf_file and so on. REQUIRES: this process has one thread.
-LoaderRun tryLoaders();
+// A child process that reads all files as the daemon does at its start, since that may end the process. The
+// paths are the daemon's conf_file and so on. It works while this process does something else.
+class LoaderRun {
+  public:
+    // Starts it. REQUIRES: this process has one thread.
+    LoaderRun();
+    ~LoaderRun();
+    LoaderRun(const LoaderRun&) = delete;
+    LoaderRun& operator=(const LoaderRun&) = delete;
 
-// Reads all files into the daemon's data of this process without a word. REQUIRES: tryLoaders survived.
+    // Waits for its end. To be called once.
+    LoaderOutcome outcome();
+
+  private:
+    const Descriptor errors_;
+    pid_t child_;
+};
+
+// Reads all files into the daemon's data of this process without a word. REQUIRES: a LoaderRun survived.
 void loadAll();
 
 // Derives the paths of the project files from the configuration files without a word.

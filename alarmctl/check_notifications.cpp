@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "alarmd/alarmd.h"
+#include "alarmd/project/alarm_definitions.h"
 #include "alarmd/project/project_file.h"
 
 namespace {
@@ -20,7 +21,7 @@ struct Audience {
     std::set<std::string> languages;
 };
 
-// What was loaded, arranged for the questions asked of it.
+// What was loaded, arranged for the questions asked of it. The definitions are moved here.
 struct Project {
     std::map<int, _alarm_def> definitions;
     std::map<int, Groups> groups_of;  // by alarm
@@ -42,7 +43,8 @@ Project arrange() {
             audience.languages.insert(member.lang);
         }
     }
-    project.definitions = alarm_def_map;
+    project.definitions.swap(alarm_def_map);
+    clearDefinitions();
     return project;
 }
 

@@ -11,5 +11,5 @@ struct Loaded {
     size_t groups = 0;  // 0 to 9, with an alarm and a user each
 };
 
-// Looks at the loaded definitions, groups and users. REQUIRES: loadAll.
+// Looks at the loaded definitions, groups and users, and leaves no definitions behind. REQUIRES: loadAll.
 Loaded checkNotifications(const AlarmPlaces& places, Findings& findings);
