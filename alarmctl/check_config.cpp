@@ -167,12 +167,15 @@ bool isPort(const std::string& text) {
            std::stoi(text) >= 1 && std::stoi(text) <= kHighestPort;
 }
 
+bool readMain(Findings& findings, std::vector<Line>& lines) {
+    return readLines(conf_file, Severity::kError,
+                     "the daemon knows neither its project nor the server nor the mail client", findings,
+                     lines);
+}
+
 bool checkMain(Findings& findings) {
     std::vector<Line> lines;
-    if (!readLines(conf_file, Severity::kError,
-                   "the daemon knows neither its project nor the server nor the mail client", findings,
-                   lines))
-        return false;
+    if (!readMain(findings, lines)) return false;
     cutAtZero(conf_file, findings, lines);
     checkForm(conf_file, lines, findings);
     checkKnownKeys(lines, findings);
@@ -245,6 +248,11 @@ bool canBeLoaded(const std::string& path, Findings& findings) {
     if (stat(path.c_str(), &info) != 0 || S_ISREG(info.st_mode) || S_ISDIR(info.st_mode)) return true;
     findings.error({path}, "unreadable", "not a regular file");
     return false;
+}
+
+bool mainFileIsReadable(Findings& findings) {
+    std::vector<Line> lines;
+    return readMain(findings, lines);
 }
 
 bool checkConfiguration(Findings& findings) {

@@ -10,6 +10,9 @@
 // canBeLoaded is false.
 bool checkConfiguration(Findings& findings);
 
+// Whether conf_file can be opened, which is told when not.
+bool mainFileIsReadable(Findings& findings);
+
 // Whether reading the file would not wait for ever: false for a pipe, a socket or a device, which is told.
 bool canBeLoaded(const std::string& path, Findings& findings);
 

@@ -12,13 +12,6 @@ namespace {
 constexpr size_t kLongestQuote = 40;  // characters
 constexpr size_t kFewNames = 5;
 
-// The text with what is no UTF-8 replaced.
-std::string wellFormed(std::string_view text) {
-    std::string result;
-    for (const char32_t character : charactersOf(text)) result += utf8Of(character);
-    return result;
-}
-
 std::string lineOf(const Finding& finding) {
     std::string line = finding.place.file;
     if (finding.place.line > 0) line += ":" + std::to_string(finding.place.line);

@@ -84,6 +84,12 @@ std::string utf8Of(char32_t character) {
     return {static_cast<char>(0xf0 | character >> 18), tail(12), tail(6), tail(0)};
 }
 
+std::string wellFormed(std::string_view text) {
+    std::string result;
+    for (const char32_t character : charactersOf(text)) result += utf8Of(character);
+    return result;
+}
+
 std::string codePointName(char32_t character) {
     char name[16];
     snprintf(name, sizeof name, "U+%04X", static_cast<unsigned>(character));

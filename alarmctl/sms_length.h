@@ -12,6 +12,9 @@ std::vector<char32_t> charactersOf(std::string_view text);
 // A character as UTF-8.
 std::string utf8Of(char32_t character);
 
+// The text with U+FFFD for each byte that belongs to no character.
+std::string wellFormed(std::string_view text);
+
 // "U+010D".
 std::string codePointName(char32_t character);
 
