@@ -34,6 +34,12 @@ constexpr int kReadPauseSeconds = 5;
 // and a header line in its text could pass for one from another sender.
 char complete_reply[kReplyBufferSize] GUARDED_BY(reply_mutex);
 
+// Bytes went over the reply's start since clearReply, behind an ER or for want of room. What the buffer then
+// holds begins wherever a text had its ER: a header line behind it would be taken for the message's own, and
+// its sender for the one who wrote it.
+bool overwritten GUARDED_BY(reply_mutex) = false;
+constexpr char kReplyWithoutContent[kReplyBufferSize] = "OK";
+
 // The CR LF that closes an OK belongs to that reply: it is not stored over the reply's start.
 bool closing_line_end GUARDED_BY(reply_mutex) = false;
 
@@ -42,7 +48,9 @@ bool endsWith(char first, char second) REQUIRES(reply_mutex) {
 }
 
 void completeReply() REQUIRES(reply_mutex) {
-    if (complete_reply[0] == '\0') memcpy(complete_reply, rcv_msg, sizeof complete_reply);
+    if (complete_reply[0] == '\0') {
+        memcpy(complete_reply, overwritten ? kReplyWithoutContent : rcv_msg, sizeof complete_reply);
+    }
     pocetpz = 0;
     closing_line_end = true;
     rec_status = 1;
@@ -108,8 +116,10 @@ void modem::ZpracujByte(char* c) {
         } else if (endsWith('E', 'R')) {
             receive = 0;
             pocetpz = 0;
+            overwritten = true;
         } else if (pocetpz > kReplyLimit) {
             pocetpz = 0;
+            overwritten = true;
         }
     }
     fflush(stdout);
@@ -124,6 +134,7 @@ void clearReply() {
     memset(rcv_msg, 0, sizeof rcv_msg);
     memset(complete_reply, 0, sizeof complete_reply);
     pocetpz = 0;
+    overwritten = false;
 }
 
 void rewindReply() {

@@ -49,8 +49,8 @@ void clearReply() EXCLUDES(reply_mutex);
 // Stores from index 0 again, the bytes stay.
 void rewindReply() EXCLUDES(reply_mutex);
 
-// The first reply that ended in OK since clearReply, whole; without one, what is in the buffer up to its
-// first zero.
+// The first reply that ended in OK since clearReply, whole; just "OK" when a part of it was overwritten
+// before (behind an ER, or beyond kReplyLimit). Without one, what is in the buffer up to its first zero.
 std::string replyText() EXCLUDES(reply_mutex);
 
 // Waits, looking every 5 ms, until a reply ends in OK or more than the given seconds have passed since

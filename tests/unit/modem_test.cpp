@@ -82,6 +82,19 @@ TEST_F(ModemTest, AHeaderInsideATextDoesNotReplaceTheSender) {
     EXPECT_EQ(replyText(), "\r\n+CMGR: \"REC UNREAD\",\"666\",,\"t\"\r\nOK");
 }
 
+TEST_F(ModemTest, AReplyThatWentOverItsOwnStartIsNotTold) {
+    for (const std::string& text : {std::string("WATER"), std::string(300, 'x')}) {
+        clearReply();
+        feed("\r\n+CMGR: \"REC UNREAD\",\"666\",,\"t\"\r\n" + text);
+        feed("\r\n+CMGR: \"REC UNREAD\",\"123\",,\"t\"\r\nACK:1\r\n\r\nOK\r\n");
+        EXPECT_EQ(receive, 1);
+        EXPECT_EQ(replyText(), "OK");
+        clearReply();
+        feed("\r\nnext\r\nOK\r\n");
+        EXPECT_EQ(replyText(), "\r\nnext\r\nOK");
+    }
+}
+
 TEST_F(ModemTest, WithoutAnOkTheBufferIsTheReply) {
     feed("\r\nnothing yet");
     EXPECT_EQ(replyText(), "\r\nnothing yet");
