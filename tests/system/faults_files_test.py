@@ -24,6 +24,9 @@ class Files(plant.PlantTest):
             file.write("" if kind == "empty" else "[]")
         os.chmod(path, 0o000 if kind == "unreadable" else 0o644)
 
+    def without_modem(self):
+        self.write_settings({"network": {"modem": {"modemPort": ""}}})
+
     def start_plain(self):
         """Starts the daemon without the right to read every file, which root has."""
         if not os.path.exists(SETPRIV):
@@ -40,6 +43,7 @@ class Files(plant.PlantTest):
         return daemon.out.texts(), daemon.err.texts()
 
     def test_project_files_in_json(self):
+        self.without_modem()
         self.configure()
         self.project()
         self.start_answers()
@@ -53,6 +57,7 @@ class Files(plant.PlantTest):
                 self.assertEqual((out.count("Project ID: 7"), err), (1, []))
 
     def test_project_files_in_csv(self):
+        self.without_modem()
         self.configure()
         self.start_answers()
         for kind, reason in zip(KINDS, [None, "Not a regular file", "Permission denied"]):
@@ -90,6 +95,7 @@ class Files(plant.PlantTest):
 
     def test_the_main_configuration(self):
         # Nothing is known then, the server's port neither.
+        self.without_modem()
         for kind in KINDS:
             with self.subTest(kind):
                 self.spoil(self.path("korvato.conf"), kind)
