@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <string_view>
 #include <vector>
 
 #include "alarmd/json_reader.h"
@@ -98,16 +96,6 @@ size_t characterLength(std::string_view text) {
         return 0;
     }
     return length;
-}
-
-std::string validUtf8(std::string_view text) {
-    std::string valid;
-    while (!text.empty()) {
-        const size_t length = characterLength(text);
-        valid += length > 0 ? text.substr(0, length) : "\xef\xbf\xbd";
-        text.remove_prefix(std::max<size_t>(length, 1));
-    }
-    return valid;
 }
 
 bool readNumber(std::string_view text, Json::Value& value) {
@@ -232,6 +220,16 @@ std::optional<Json::Value> readAnswer(int protocol, const std::string& body) {
         return {};
     }
     return answer;
+}
+
+std::string validUtf8(std::string_view text) {
+    std::string valid;
+    while (!text.empty()) {
+        const size_t length = characterLength(text);
+        valid += length > 0 ? text.substr(0, length) : "\xef\xbf\xbd";
+        text.remove_prefix(std::max<size_t>(length, 1));
+    }
+    return valid;
 }
 
 std::string printable(const std::string& text) {

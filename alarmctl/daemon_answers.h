@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 // The answer to a request for this protocol (50 to 56) as a JSON object with "r", "s" and "d" or "err";
 // nothing when it is not understood. The frame of an answer is fixed and the data in it is not escaped, so
@@ -14,6 +15,9 @@
 // print makes of
 // "%s" is undone; a "%%" has become "%" for good.
 std::optional<Json::Value> readAnswer(int protocol, const std::string& body);
+
+// The text with each byte that makes it no UTF-8 replaced by U+FFFD.
+std::string validUtf8(std::string_view text);
 
 // The text with control characters replaced by "?", so that it cannot steer a terminal. REQUIRES: valid
 // UTF-8.

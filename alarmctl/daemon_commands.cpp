@@ -39,7 +39,7 @@ struct Options {
 };
 
 int fail(const std::string& reason) {
-    fprintf(stderr, "alarmctl: %s\n", printable(reason).c_str());
+    fprintf(stderr, "alarmctl: %s\n", printable(validUtf8(reason)).c_str());
     return kFailed;
 }
 
@@ -198,6 +198,7 @@ int runSms(const Options& options) {
                     "\" is no phone number: up to 15 digits, as +420601000001 or 601000001");
     }
     if (options.text.find_first_not_of(" \t\r\n") == std::string::npos) return fail("the text is empty");
+    if (validUtf8(options.text) != options.text) return fail("the text is no valid UTF-8");
     return askAndShow(options, request, kSendSms, [&](const Json::Value&) {
         printf(
             "queued for %s\nThe daemon's log tells whether the modem took it: SMS SEND OK or SMS SEND "

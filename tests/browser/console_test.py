@@ -112,6 +112,7 @@ class Console(ConsoleTest):
         self.element("switch-off").click()
         self.element("ask-yes").click()
         self.wait_text("off-notice", "wurden von hier aus ausgeschaltet")
+        self.assert_logged("Request protocol 55 (Disable notification)\n")
         self.assertEqual(self.daemon.out.count("Request protocol 55 (Disable notification)"), 1)
         self.driver.refresh()
         self.wait_text("off-notice", "wurden von hier aus ausgeschaltet")
@@ -167,6 +168,7 @@ class Console(ConsoleTest):
         hide = ("Object.defineProperty(document, 'hidden', {value: %s, configurable: true});"
                 "document.dispatchEvent(new Event('visibilitychange'))")
         self.driver.execute_script(hide % "true")
+        time.sleep(1)
         before = asked()
         time.sleep(12)
         self.assertEqual(asked(), before)

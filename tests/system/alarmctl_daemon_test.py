@@ -166,6 +166,7 @@ class Failures(AlarmctlTest):
             self.check_failure('"%s" is no phone number%s' % (number, form), "sms", number, "x")
         for text in ("", " \t\n"):
             self.check_failure("the text is empty", "sms", EVE, text)
+        self.check_failure("the text is no valid UTF-8", "sms", EVE, b"caf\xe9")
         for wrong in (["sms", EVE], ["sms", EVE, "two", "words"], ["notifications"], ["notifications", "maybe"], [],
                       ["sta"], ["status", "--timeout", "0"], ["status", "--port", "70000"], ["status", "-z"]):
             status, out, err = alarmctl(*wrong)
