@@ -5,7 +5,6 @@ faults_plant.FaultTest.check_rows looks at what the daemon has made of them.
 """
 
 import gzip
-import os
 import signal
 import threading
 import time
@@ -17,7 +16,6 @@ import sms_plant
 from faults_plant import FAILED, FIRST, NOTHING, TAKEN, TAKEN_LATE, UNREADABLE, Row, whole
 
 STOP_LIMIT = 15
-FAKETIME = "/usr/bin/faketime"
 
 
 # ---- faults --------------------------------------------------------------------------------------------------------
@@ -199,9 +197,9 @@ class Tables(faults_plant.FaultTest):
         self.check(Row("byte by byte", TAKEN, drip), Row("after 20 s", TAKEN, late(20)))
 
     def test_certificates_are_not_looked_at(self):
-        if not os.path.exists(FAKETIME):
-            self.skipTest("faketime is not installed")
-        expired = faults_plant.make_certificate(self.folder, "expired", "127.0.0.1", [FAKETIME, "2020-01-01"])
+        expired = faults_plant.make_certificate(self.folder, "expired", "127.0.0.1", "2020-01-01")
+        if not expired:
+            self.skipTest("libfaketime is not installed")
         elsewhere = faults_plant.make_certificate(self.folder, "elsewhere", "elsewhere.example")
         self.check(Row("self-signed", TAKEN, whole),
                    Row("expired", TAKEN, with_certificate(expired)),
