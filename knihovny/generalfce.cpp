@@ -1,6 +1,9 @@
 #include "knihovny/generalfce.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -15,6 +18,7 @@
 #include <memory>
 
 #include "knihovny/debugerror.h"
+#include "knihovny/descriptor.h"
 
 namespace {
 
@@ -22,9 +26,20 @@ constexpr int64_t kMicrosecondsPerSecond = 1000000;
 constexpr long kNanosecondsPerSecond = 1000000000;
 constexpr long kFlagLookNanoseconds = 50000000;
 constexpr size_t kReadBlock = size_t{64} * 1024;
+constexpr int kSystemLogMs = 100;
 
 int64_t microseconds(const timeval& time) {
     return int64_t{time.tv_sec} * kMicrosecondsPerSecond + int64_t{time.tv_usec};
+}
+
+// Whether the system log's queue is full and stays so, as when its reader has ended: syslog would wait in it
+// without limit. A log that is not there at all is syslog's own business.
+bool systemLogIsFull() {
+    const Descriptor probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const sockaddr_un address{AF_UNIX, _PATH_LOG};
+    if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return false;
+    pollfd writable{probe.get(), POLLOUT, 0};
+    return poll(&writable, 1, kSystemLogMs) == 0;
 }
 
 // The value of a hexadecimal digit, -1 for any other byte.
@@ -187,6 +202,7 @@ std::string urldecode(const std::string& text) {
 }
 
 void systemLog(const char* identity, const char* message) {
+    if (systemLogIsFull()) return;
     // 6 is no facility, so the log library keeps its default one.
     openlog(identity, LOG_CONS, 6);
     syslog(LOG_INFO, "%s", message);

@@ -50,7 +50,8 @@ std::string StringToUpper(std::string text);
 // dropped together with the byte right after it.
 std::string urldecode(const std::string& text);
 
-// Writes message to the system log under identity, informational priority.
+// Writes message to the system log under identity, informational priority. A message that the system log does
+// not take, since nobody reads it any more, is dropped.
 void systemLog(const char* identity, const char* message);
 
 // Prints message and a newline on standard output, flushes it, then does what systemLog does.
