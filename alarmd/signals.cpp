@@ -48,4 +48,9 @@ void installSignalHandlers() {
     signal(SIGINT, signalHandler);
     signal(SIGUSR1, handlersigusr1);
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGCHLD, SIG_DFL);
+    sigset_t handled;
+    sigemptyset(&handled);
+    for (const int sig : {SIGTERM, SIGINT, SIGUSR1}) sigaddset(&handled, sig);
+    sigprocmask(SIG_UNBLOCK, &handled, nullptr);
 }

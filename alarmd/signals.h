@@ -1,7 +1,9 @@
 #pragma once
 
 // Prepares the process: handlers of SIGTERM, SIGINT (signalHandler) and SIGUSR1 (handlersigusr1), SIGPIPE
-// ignored, so that a peer that has gone shows as a failed write. Main thread, first of all.
+// ignored, so that a peer that has gone shows as a failed write. Neither signals that the parent has blocked
+// nor a SIGCHLD that it ignores, which would hide how a child ended, are taken over. Main thread, first of
+// all.
 void installSignalHandlers();
 
 // Writes "Interrupt signal (N) received." and raises konec, konecModem and konecGps. Async-signal-safe.
