@@ -149,7 +149,11 @@ std::string replyText() {
 }
 
 void waitForReply(int seconds) {
-    while (receive == 0 && time(nullptr) <= timeout + seconds) MySleep(0, kLookNanoseconds);
+    // The time of day may be set back in between; the second limit keeps the wait from lasting until then.
+    const time_t latest = MonotonicTime().tv_sec + seconds + 1;
+    while (receive == 0 && time(nullptr) <= timeout + seconds && MonotonicTime().tv_sec <= latest) {
+        MySleep(0, kLookNanoseconds);
+    }
 }
 
 int nastavModem() {
