@@ -65,6 +65,10 @@ Place takePlace(const std::string& file, std::string_view& text) {
     take(", line ", place.line);
     take(", element ", place.element);
     text.remove_prefix(std::min(text.find_first_not_of(": "), text.size()));
+    // The JSON parser names the line in its own words.
+    constexpr std::string_view kParserLine = "Line ";
+    if (text.substr(0, kParserLine.size()) == kParserLine)
+        place.line = static_cast<size_t>(leadingNumber(text.substr(kParserLine.size())));
     return place;
 }
 

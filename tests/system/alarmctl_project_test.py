@@ -162,7 +162,7 @@ class AlarmctlProjectTest(plant.PlantTest):
         self.fake_client()
         self.csv_project("h\n" + csv_alarm(10), "1;Jan;0;jan@plant.example;+420601000001\n2;Eva;0;eva@plant.example\n")
         for code, file, place, words in (("four-columns", "list.acc", 2, "list.acc, line 2: 4 columns"),
-                                         ("malformed-setting", "setting.json", 0, "setting.json: Line 1")):
+                                         ("malformed-setting", "setting.json", 1, "setting.json: Line 1")):
             if file == "setting.json":
                 self.write("project/setting.json", "{")
             status, report = self.check()

@@ -1,0 +1,150 @@
+#include "alarmctl/check.h"
+#include "alarmctl/check_contacts.h"
+#include "alarmctl/check_loaders.h"
+#include "tests/unit/project_files.h"
+
+namespace {
+
+TEST(CheckContactsTest, TellsWhyATextIsNoAddress) {
+    struct Row {
+        const char* text;
+        const char* fault;
+    };
+    const Row rows[] = {
+        {"jan@plant.example", ""},
+        {"jan@localhost", ""},
+        {"Jan Novák <jan@plant.example>", ""},
+        {"jan@plant.example, eva@plant.example", ""},
+        {"", "an empty address"},
+        {"jan@plant.example,", "an empty address"},
+        {"jan", "no \"@\""},
+        {"@plant.example", "nothing in front of the \"@\""},
+        {"jan@", "nothing behind the \"@\""},
+        {"jan@eva@plant.example", "more than one \"@\""},
+        {"jan novak@plant.example", "a blank in the address"},
+        {"jan@plant.example;eva", "a character that may not stand there"},
+        {"jan@plant..example", "a misplaced \".\" behind the \"@\""},
+        {"jan@.example", "a misplaced \".\" behind the \"@\""},
+    };
+    for (const Row& row : rows) EXPECT_EQ(addressFault(row.text), row.fault) << row.text;
+}
+
+TEST(CheckContactsTest, KnowsInternationalNumbers) {
+    for (const char* number : {"+4206010", "+420601000001", "+123456789012345"})
+        EXPECT_TRUE(isInternationalNumber(number)) << number;
+    for (const char* number : {"", "+", "601000001", "00420601000001", "+420 601 000 001", "+042060100000",
+                               "+123456", "+1234567890123456", "+42060100000a"})
+        EXPECT_FALSE(isInternationalNumber(number)) << number;
+}
+
+// The daemon's files in a folder of their own.
+class CheckTest : public ProjectTest {
+  protected:
+    CheckTest() {
+        conf_file = folder_.write("korvato.conf", "pFolder " + folder_.path() + "\nhttps_port 1\nbinFolder " +
+                                                      folder_.path() + "\n");
+        msmtp_conf_file = folder_.write("msmtp.conf", "account korvato\nfrom a@plant.example\n");
+        sms_conf_file = folder_.write("sms.conf", "");
+        system_setting = folder_.write("settings.json", R"({"network": {"modem": {}}})");
+        folder_.write("setting.json", R"({"projectID": "7"})");
+        folder_.write("users.json", kUsers);
+        folder_.write("cas.json", kDefinitions);
+    }
+    ~CheckTest() override {
+        conf_file = "korvato.conf";
+        msmtp_conf_file = "msmtp.conf";
+        sms_conf_file = "sms.conf";
+        system_setting.clear();
+    }
+
+    std::string textOf(const CheckReport& report) const {
+        std::string text = report.findings.text(0);
+        for (size_t at; (at = text.find(folder_.path() + "/")) != std::string::npos;)
+            text.erase(at, folder_.path().size() + 1);
+        return text;
+    }
+
+    static constexpr char kUsers[] =
+        R"([{"id": 1, "level": 1, "name": "Jan", "mail": "jan@plant.example", "tel": "+420601000001"}])";
+    static constexpr char kDefinitions[] =
+        R"([{"id": 12, "message": "Pump failure", "email": true, "smsAct": true, "group": [false, true]}])";
+};
+
+TEST_F(CheckTest, AGoodProjectEarnsNoFinding) {
+    folder_.write("groups.json", R"([{"groupNo": 1, "name": "One"}])");
+    const CheckReport report = checkAll(false);
+    EXPECT_EQ(textOf(report), "");
+    EXPECT_EQ(summaryOf(report),
+              "0 errors, 0 warnings, 0 notes in 8 files: the daemon would start; 1 alarm, 1 user, 1 group "
+              "are in use");
+}
+
+TEST_F(CheckTest, WhatEndsTheDaemonDoesNotEndTheCheck) {
+    folder_.write("setting.json", "[1]");
+    const CheckReport report = checkAll(false);
+    EXPECT_FALSE(report.starts);
+    EXPECT_EQ(textOf(report),
+              "groups.json: note: is not there, and groups.csv neither: the groups have no names [no-file]\n"
+              "setting.json: error: the document is not an object: the daemon ends [malformed-setting]\n");
+    EXPECT_EQ(summaryOf(report), "1 error, 0 warnings, 1 note in 8 files: the daemon would not start");
+}
+
+TEST_F(CheckTest, AMainFileThatCannotBeReadIsAllThatIsTold) {
+    conf_file = folder_.in("none.conf");
+    EXPECT_EQ(textOf(checkAll(true)),
+              "none.conf: error: cannot be opened (No such file or directory): the daemon knows neither its "
+              "project "
+              "nor the server nor the mail client [unreadable]\n");
+    conf_file = folder_.pipe("pipe.conf");
+    const CheckReport report = checkAll(true);
+    EXPECT_EQ(textOf(report), "pipe.conf: error: not a regular file [unreadable]\n");
+}
+
+TEST_F(CheckTest, TheLoadersComplaintsBecomeFindings) {
+    acc_list = "/p, element 9: x/list.acc";
+    acc_list_json = "/p, element 9: x/users.json";
+    const Finding line =
+        findingFrom("alarmd: " + acc_list + ", line 7: group 12 is not within 0 to 11, ignored", false);
+    EXPECT_EQ(line.place.file, acc_list);
+    EXPECT_EQ(line.place.line, 7U);
+    EXPECT_EQ(line.code, "group-number");
+    EXPECT_EQ(line.severity, Severity::kWarning);
+    EXPECT_EQ(line.text, "group 12 is not within 0 to 11, ignored");
+    const Finding element =
+        findingFrom("alarmd: " + acc_list_json + ", element 3: \"id\": no Int (element left out)", false);
+    EXPECT_EQ(element.place.file, acc_list_json);
+    EXPECT_EQ(element.place.element, 3U);
+    EXPECT_EQ(element.code, "element-dropped");
+    const Finding file =
+        findingFrom("alarmd: " + acc_list_json + ": the document is not an array, nothing is", false);
+    EXPECT_EQ(file.place.line + file.place.element, 0U);
+    EXPECT_EQ(file.code, "wrong-shape");
+    EXPECT_EQ(file.severity, Severity::kError);
+    const Finding last =
+        findingFrom("alarmd: " + acc_list + ", line 2: 4 columns, the 5th one is missing", true);
+    EXPECT_EQ(last.code, "four-columns");
+    EXPECT_EQ(last.text, "4 columns, the 5th one is missing: the daemon ends");
+}
+
+TEST_F(CheckTest, AnAlarmWithoutATextInALanguageIsANoteALanguage) {
+    folder_.write("groups.json", "[]");
+    folder_.write(
+        "users.json",
+        R"([{"id": 1, "level": 1, "name": "Jan", "mail": "jan@plant.example", "tel": "+420601000001",
+                       "language": "cs"},
+                      {"id": 2, "level": 1, "name": "Eva", "mail": "eva@plant.example", "language": "de"}])");
+    folder_.write(
+        "cas.json",
+        R"([{"id": 12, "message": "M", "device": " ", "area": "A", "email": true, "group": [false, true],
+                       "messageLangs": {"cs": "Z"}, "areaLangs": {"cs": "O", "de": ""}},
+                      {"id": 13, "message": "", "email": true, "group": [false, true], "messageLangs": {"cs": "Z"}}])");
+    EXPECT_EQ(textOf(checkAll(false)),
+              "cas.json: note: 1 alarm lacks a text in language \"de\", whose users get the default text: 12 "
+              "(message, "
+              "area) [missing-language]\n"
+              "cas.json: element 2: warning: alarm 13 has no message text in language \"de\" and no default: "
+              "mails show "
+              "\"-\", SMS are without it [empty-text]\n");
+}
+
+}  // namespace
