@@ -60,6 +60,8 @@ def one_group(number):
 class LoadTest(requests_plant.RequestTest):
     def setUp(self):
         super().setUp()
+        if FULL:
+            print()  # what follows are figures
         self.client = counting_plant.CountingClient(self.path(plant.CLIENT_PATH))
         self.answers = collections.deque()  # answers to give, one a poll
         self.lines = collections.Counter()
