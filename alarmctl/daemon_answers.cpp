@@ -69,7 +69,7 @@ std::string undoPrint(const std::string& text, const std::string& head) {
     if (begin == std::string::npos) return text;
     for (size_t end = text.find("}}", begin); end != std::string::npos; end = text.find("}}", end + 1)) {
         for (const size_t tail : {size_t{3}, size_t{2}}) {  // with and without a line feed
-            const std::string original = text.substr(begin, end + tail - begin);
+            std::string original = text.substr(begin, end + tail - begin);
             if (formatWithItself(original) == text) return original;
         }
     }

@@ -190,20 +190,19 @@ std::string plainNumber(const std::string& written) {
 }
 
 int runSms(const Options& options) {
-    Json::Value request;
-    request["number"] = plainNumber(options.number);
-    request["text"] = options.text;
-    if (request["number"] == "") {
+    const std::string number = plainNumber(options.number);
+    if (number.empty()) {
         return fail("\"" + options.number +
                     "\" is no phone number: up to 15 digits, as +420601000001 or 601000001");
     }
     if (options.text.find_first_not_of(" \t\r\n") == std::string::npos) return fail("the text is empty");
     if (validUtf8(options.text) != options.text) return fail("the text is no valid UTF-8");
+    Json::Value request;
+    request["number"] = number;
+    request["text"] = options.text;
     return askAndShow(options, request, kSendSms, [&](const Json::Value&) {
-        printf(
-            "queued for %s\nThe daemon's log tells whether the modem took it: SMS SEND OK or SMS SEND "
-            "FAIL.\n",
-            request["number"].asCString());
+        printf("queued for %s\n", number.c_str());
+        printf("The daemon's log tells whether the modem took it: SMS SEND OK or SMS SEND FAIL.\n");
     });
 }
 
@@ -272,7 +271,8 @@ int failNoPosition(const Options& options) {
     if (!ask(options, Json::objectValue, kGpsRaw, raw)) return kFailed;
     if (!granted(raw)) return fail("GPS is disabled (gps_enable in /etc/korvato/settings.json)");
     for (const char* const kind : {"GGA", "GSA", "RMC", "VTG"}) {
-        if (raw["d"][kind] == "") return fail("GPS is enabled, but the receiver has not said everything yet");
+        if (raw["d"][kind].asString().empty())
+            return fail("GPS is enabled, but the receiver has not said everything yet");
     }
     return fail("GPS is enabled, but checksums of its sentences are wrong (see them with --raw)");
 }

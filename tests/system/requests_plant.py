@@ -174,9 +174,9 @@ class ConsoleNginx(Nginx):
     def __init__(self, folder):
         with open(CONSOLE_SAMPLE) as file:
             sample = file.read()
-        if "alias /usr/share/alarmd/console/;" not in sample:
+        if "alias /usr/share/korvato/web/;" not in sample:
             raise AssertionError("the sample serves the page from elsewhere")
-        super().__init__(folder, sample.replace("/usr/share/alarmd/console/", CONSOLE_PAGE + "/"))
+        super().__init__(folder, sample.replace("/usr/share/korvato/web/", CONSOLE_PAGE + "/"))
         self.page = "http://127.0.0.1:%d/console/" % self.port
 
 
