@@ -136,7 +136,7 @@ void checkDefinitionsJson(Findings& findings, AlarmPlaces& places) {
 void checkProjectIdJson(Findings& findings) {
     Json::Value root;
     // A file that is no JSON ends the daemon, which the loader itself tells.
-    if (!parseForCheck(project_file_json, root) || !root.isObject()) return;
+    if (!parseForCheck(project_file_json, root) || (!root.isObject() && !root.isNull())) return;
     findings.lookedAt(project_file_json);
     UnreadKeys unread(kSettingKeys);
     unread.look(root, {project_file_json});

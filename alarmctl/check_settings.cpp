@@ -101,13 +101,14 @@ void checkPort(const std::string& device, const char* consequence, Findings& fin
     const Place place{device};
     struct stat info;
     if (stat(device.c_str(), &info) != 0) {
-        findings.error(place, "no-device", "is not there (" + reasonOf(errno) + "): " + consequence);
+        findings.error(place, "no-device",
+                       "is not there (" + reasonOf(errno) + "): " + consequence + " until it is");
     } else if (!S_ISCHR(info.st_mode)) {
         findings.error(place, "no-device", std::string("is no serial port: ") + consequence);
     } else if (access(device.c_str(), R_OK | W_OK) != 0) {
         findings.error(place, "no-permission",
-                       "may not be opened by this user (" + reasonOf(errno) + "): " + consequence +
-                           " when the daemon runs so; serial ports belong to the group dialout");
+                       "may not be opened by this user (" + reasonOf(errno) + "; the group dialout may): " +
+                           consequence + " while the daemon runs as this user");
     } else {
         findings.lookedAt(device);
     }
@@ -144,7 +145,7 @@ void checkModemSettings(Findings& findings) {
 
 void checkMachine(Findings& findings) {
     const std::string device = portName();
-    if (!device.empty()) checkPort(device, "no SMS is sent or received until it is", findings);
+    if (!device.empty()) checkPort(device, "no SMS is sent or received", findings);
     if (gps_enable) checkPort(kGpsPort, "there is no position", findings);
     checkMailClient(findings);
 }

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -146,6 +148,8 @@ int runExplain(const ExplainOptions& options) {
     for (const int state : {kDeactivated, kAcknowledged}) {
         if (options.state == stateName(state)) question.state = state;
     }
+    if (access(msmtp_conf_file.c_str(), R_OK) != 0)
+        fail(msmtp_conf_file + ": " + strerror(errno) + ", so the mails name no sender");
     const Explanation explanation = explain(question, time(nullptr));
     const std::string number = std::to_string(options.question.id);
     if (!explanation.known)

@@ -265,6 +265,8 @@ class AlarmctlProjectTest(plant.PlantTest):
             self.assertEqual((result, err), (status, ""), arguments)
             for reason in reasons:
                 self.assertIn(reason + "\n", out, arguments)
+        status, out, err = alarmctl("explain", "12", "-m", "none", cwd=self.folder)
+        self.assertEqual((status, err), (0, "alarmctl: none: No such file or directory, so the mails name no sender\n"))
         for arguments, message in (
                 (("99",), "there is no definition with the id 99: nobody hears of it"),
                 (("12", "--user", "Eva"), 'there is no user "Eva" among those who are told of alarms'),
