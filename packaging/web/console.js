@@ -152,8 +152,8 @@ function showCounter() {
   const { used, room, count, unicode } = smsLength(element("text").value);
   setText("counter-used", say("counter", { used, room, count }));
   setText("counter-kind", unicode === undefined ? "GSM 7-bit" : "Unicode (UCS-2)");
-  setText("counter-hint", count > 1 ? say("longHint") : unicode === undefined ? "" :
-    say("unicodeHint", { character: unicode }));
+  const hints = [unicode !== undefined && say("unicodeHint", { character: unicode }), count > 1 && say("longHint")];
+  setText("counter-hint", hints.filter(Boolean).join(" "));
 }
 
 function showSent() {
