@@ -34,11 +34,10 @@ constexpr int kReadPauseSeconds = 5;
 // and a header line in its text could pass for one from another sender.
 char complete_reply[kReplyBufferSize] GUARDED_BY(reply_mutex);
 
-// Bytes went over the reply's start since clearReply, behind an ER or for want of room. What the buffer then
-// holds begins wherever a text had its ER: a header line behind it would be taken for the message's own, and
-// its sender for the one who wrote it.
+// Bytes went over the reply's start since clearReply, behind an ER or for want of room: now, and when the
+// reply was complete.
 bool overwritten GUARDED_BY(reply_mutex) = false;
-constexpr char kReplyWithoutContent[kReplyBufferSize] = "OK";
+bool complete_overwritten GUARDED_BY(reply_mutex) = false;
 
 // The CR LF that closes an OK belongs to that reply: it is not stored over the reply's start.
 bool closing_line_end GUARDED_BY(reply_mutex) = false;
@@ -49,7 +48,8 @@ bool endsWith(char first, char second) REQUIRES(reply_mutex) {
 
 void completeReply() REQUIRES(reply_mutex) {
     if (complete_reply[0] == '\0') {
-        memcpy(complete_reply, overwritten ? kReplyWithoutContent : rcv_msg, sizeof complete_reply);
+        memcpy(complete_reply, rcv_msg, sizeof complete_reply);
+        complete_overwritten = overwritten;
     }
     pocetpz = 0;
     closing_line_end = true;
@@ -135,6 +135,7 @@ void clearReply() {
     memset(complete_reply, 0, sizeof complete_reply);
     pocetpz = 0;
     overwritten = false;
+    complete_overwritten = false;
 }
 
 void rewindReply() {
@@ -146,6 +147,11 @@ std::string replyText() {
     MutexLock lock(reply_mutex);
     const char* text = complete_reply[0] != '\0' ? complete_reply : rcv_msg;
     return std::string(text, strnlen(text, kReplyBufferSize));
+}
+
+bool replyIsWhole() {
+    MutexLock lock(reply_mutex);
+    return !complete_overwritten;
 }
 
 void waitForReply(int seconds) {

@@ -49,9 +49,12 @@ void clearReply() EXCLUDES(reply_mutex);
 // Stores from index 0 again, the bytes stay.
 void rewindReply() EXCLUDES(reply_mutex);
 
-// The first reply that ended in OK since clearReply, whole; just "OK" when a part of it was overwritten
-// before (behind an ER, or beyond kReplyLimit). Without one, what is in the buffer up to its first zero.
+// The first reply that ended in OK since clearReply; without one, what is in the buffer up to its first zero.
 std::string replyText() EXCLUDES(reply_mutex);
+
+// False when a part of that reply was overwritten before its OK (behind an ER, or beyond kReplyLimit). It
+// then begins wherever a text had its ER, and a header line behind that would pass for the message's own.
+bool replyIsWhole() EXCLUDES(reply_mutex);
 
 // Waits, looking every 5 ms, until a reply ends in OK or more than the given seconds have passed since
 // `timeout` (whole seconds). SMS thread.

@@ -38,7 +38,8 @@ IncomingSms parseReply(const std::string& reply) {
     PrintLine("\tText: ", message.text);
 
     const std::vector<std::string> header = txt2vector(lines[1], ",");
-    if (header.size() <= 1) return message;
+    // What stands in the sender's place of a broken reply may be of the text's making.
+    if (header.size() <= 1 || !replyIsWhole()) return message;
     message.from = header[1];
     std::erase(message.from, '"');
     message.has_sender = true;

@@ -82,17 +82,24 @@ TEST_F(ModemTest, AHeaderInsideATextDoesNotReplaceTheSender) {
     EXPECT_EQ(replyText(), "\r\n+CMGR: \"REC UNREAD\",\"666\",,\"t\"\r\nOK");
 }
 
-TEST_F(ModemTest, AReplyThatWentOverItsOwnStartIsNotTold) {
+TEST_F(ModemTest, AReplyThatWentOverItsOwnStartIsNotWhole) {
+    const std::string header = "\r\n+CMGR: \"REC UNREAD\",\"666\",,\"t\"\r\n";
     for (const std::string& text : {std::string("WATER"), std::string(300, 'x')}) {
         clearReply();
-        feed("\r\n+CMGR: \"REC UNREAD\",\"666\",,\"t\"\r\n" + text);
-        feed("\r\n+CMGR: \"REC UNREAD\",\"123\",,\"t\"\r\nACK:1\r\n\r\nOK\r\n");
+        feed(header + text + "\r\n\r\nOK\r\n");
         EXPECT_EQ(receive, 1);
-        EXPECT_EQ(replyText(), "OK");
+        EXPECT_FALSE(replyIsWhole());
         clearReply();
-        feed("\r\nnext\r\nOK\r\n");
+        EXPECT_TRUE(replyIsWhole());
+        feed("\r\nnext\r\nOK");
+        EXPECT_TRUE(replyIsWhole());
         EXPECT_EQ(replyText(), "\r\nnext\r\nOK");
     }
+}
+
+TEST_F(ModemTest, BehindAnErTheReplyIsStoredOverItsStart) {
+    feed("\r\n+CMGR: \"REC UNREAD\",\"666\",,\"t\"\r\nWATER low\r\n\r\nOK\r\n");
+    EXPECT_EQ(replyText(), " low\r\n\r\nOKREC UNREAD\",\"666\",,\"t\"\r\nWATER");
 }
 
 TEST_F(ModemTest, WithoutAnOkTheBufferIsTheReply) {
