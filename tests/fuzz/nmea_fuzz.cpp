@@ -1,0 +1,96 @@
+// The GPS receiver's bytes: assembly, checksum, printing, and the answers made of them.
+#include "alarmd/gps/gps_thread.h"
+#include "alarmd/gps/nmea.h"
+#include "alarmd/requests/answers.h"
+#include "alarmd/requests/daemon_state.h"
+#include "tests/fuzz/world.h"
+
+namespace {
+
+constexpr size_t kLongestLine = 1024;
+
+void feed(MyGps& receiver, std::string_view bytes) {
+    for (const char c : bytes) {
+        char byte[2] = {c, '\0'};
+        receiver.ZpracujByte(byte);
+    }
+}
+
+_gps_data stored() {
+    MutexLock lock(gps_mutex);
+    return gps_data;
+}
+
+void checkSentence(const std::string& sentence, const char* kind) {
+    if (sentence.empty()) return;
+    MUST(sentence.size() < kLongestLine);
+    // Of a line that ends in a line feed alone, the last character is lost with it.
+    MUST(std::string_view(kind).starts_with(sentence.substr(3, 3)));
+}
+
+void checkStore(const _gps_data& store) {
+    checkSentence(store.GPGGA, "GGA");
+    checkSentence(store.GPRMC, "RMC");
+    checkSentence(store.GPVTG, "VTG");
+    checkSentence(store.GPGSA, "GSA");
+    for (const std::string& sentence : store.GPGSV) checkSentence(sentence, "GSV");
+    MUST(store.GPGSV[0].empty());
+    MUST(store.GPGSV_count >= 0 && store.GPGSV_count <= 31);
+}
+
+std::string withChecksum(const std::string& sentence) {
+    char digits[8];
+    snprintf(digits, sizeof digits, "*%02X", static_cast<unsigned>(calculateGPScrc(sentence + "*00")));
+    return sentence + digits;
+}
+
+// A sentence with the checksum that the calculation gives is right, with another one it is wrong.
+void checkChecksum(const std::string& sentence) {
+    constexpr size_t kShortest = 3;
+    if (sentence.size() < kShortest || sentence.find('*') != std::string::npos) return;
+    std::string whole = withChecksum(sentence);
+    MUST(checkCRC(whole) == 1);
+    whole.back() = whole.back() == '0' ? '1' : '0';
+    MUST(checkCRC(whole) == 0);
+}
+
+void checkAnswers(const _gps_data& store) {
+    const RequestState state = takeRequestState();
+    const Answer raw = answerFcgiRequest("{\"t\":52}", state);
+    MUST(raw.body.starts_with("{\"r\":52,\"s\":1,\"d\":{\"GGA\":\""));
+    const Answer parsed = answerFcgiRequest("{\"t\":53}", state);
+    const bool right =
+        checkCRC(store.GPGGA) + checkCRC(store.GPGSA) + checkCRC(store.GPRMC) + checkCRC(store.GPVTG) == 4;
+    MUST(parsed.gps_parsed == right);
+    if (!right) {
+        MUST(parsed.body == "{\"r\":53,\"s\":0,\"err\":\"GPS disabled or CRC error.\"}\n");
+        return;
+    }
+    carryOut(parsed, ip, 0);
+    MutexLock lock(gps_mutex);
+    MUST(store.GPGGA.size() < 10 || gps_data_parse.GPGGA == store.GPGGA.substr(7, store.GPGGA.size() - 10));
+}
+
+}  // namespace
+
+FUZZ_TARGET(nmea) {
+    gps_enable = true;
+    {
+        MyGps receiver;
+        feed(receiver, input);
+    }
+    const _gps_data store = stored();
+    checkStore(store);
+    printGPSdata();
+    MUST(fuzz::world.printed == gpsDataText(store));
+    for (const std::string& line : fuzz::parts(input, '\n')) checkChecksum(line);
+    checkAnswers(store);
+
+    // With right checksums, the same sentences are parsed.
+    MyGps receiver;
+    for (const std::string& line : fuzz::parts(input, '\n')) {
+        feed(receiver, withChecksum(line.substr(0, line.find_first_of("*\r"))) + "\r\n");
+    }
+    checkStore(stored());
+    checkAnswers(stored());
+}
