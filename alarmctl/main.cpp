@@ -17,11 +17,14 @@ constexpr char kDescription[] =
 constexpr char kFooter[] =
     "Examples:\n"
     "  alarmctl check\n"
+    "  alarmctl explain 101\n"
     "  alarmctl status\n"
     "  alarmctl sms +420601000001 \"Pump 3 is off\"\n"
     "  alarmctl COMMAND --help\n"
     "\n"
-    "Exit status: 0 fine, 1 warnings (check), 2 errors, a wrong command line, or no daemon.";
+    "Exit status: 0 fine, 1 warnings (check) or nobody hears of the alarm (explain), 2 errors, a wrong "
+    "command\n"
+    "line, or no daemon.";
 
 int runCommand(int argc, char* argv[]) {
     CLI::App app(kDescription, "alarmctl");

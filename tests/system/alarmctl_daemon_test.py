@@ -213,10 +213,14 @@ class Help(AlarmctlTest):
         self.assertEqual(self.complete("notifications", ""), ["on", "off"])
         self.assertEqual(self.complete("notifications", "of"), ["off"])
         self.assertEqual(self.complete("notifications", "off", ""), [])
+        self.assertEqual(self.complete("notifications", "--timeout", "5", "o"), ["on", "off"])
         self.assertEqual(self.complete("gps", "--"), ["--help", "--json", "--timeout", "--port", "--raw"])
         self.assertEqual(self.complete("gps", "--json", "--r"), ["--raw"])
         self.assertEqual(self.complete("status", "--timeout", ""), [])
-        self.assertEqual(self.complete("explain", "--state", "d"), ["deactivated"])
+        self.assertEqual(self.complete("explain", "--state", "=", "d"), ["deactivated"])
+        self.assertEqual(self.complete("explain", "--state", "="), ["activated", "deactivated", "acknowledged"])
+        for command in ("check", "explain"):
+            self.assertLessEqual({"-c", "--config", "--json"}, set(self.complete(command, "-")))
         self.write("korvato.conf", "")
         self.assertEqual(self.complete("check", "-c", "kor"), ["korvato.conf"])
 
