@@ -91,7 +91,7 @@ TEST_F(ModemTest, AReplyThatWentOverItsOwnStartIsNotWhole) {
         EXPECT_FALSE(replyIsWhole());
         clearReply();
         EXPECT_TRUE(replyIsWhole());
-        feed("\r\nnext\r\nOK");
+        feed("\r\nnext\r\nOK\r\n");
         EXPECT_TRUE(replyIsWhole());
         EXPECT_EQ(replyText(), "\r\nnext\r\nOK");
     }
