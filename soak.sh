@@ -16,7 +16,7 @@ web server, and clients of its own. Missing packages are installed first.
             noise, notifications off and on. A line a minute tells how it goes. At the end each mail, SMS, acknowledge and
             answer must have come out exactly as often as it should. Ctrl-C ends it early.
   --load    the full load instead: 10,000 alarms in one answer to 20 users by mail and by SMS, and 1,000 answers of 100
-            alarms, with the figures. Takes about half an hour.
+            alarms, with the figures. Takes about twenty minutes.
   --seed N  another mixture (default 1)
   --bin DIRECTORY
             takes the programs from there and builds nothing, for those of a sanitizer build
