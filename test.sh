@@ -11,7 +11,8 @@ Builds the daemon and the simulated plant, and runs the unit tests and the syste
 world. Missing packages are installed first. Closes with a line "N passed, M failed" (", K skipped").
 
   --all     besides: clang with thread-safety analysis, clang-format, clang-tidy, the tests under address and
-            undefined-behaviour sanitizers and under the thread sanitizer, and the release build
+            undefined-behaviour sanitizers and under the thread sanitizer, the release build, the console page in
+            a headless browser, and the Debian package in a Debian 12 of its own
   FILTER    only tests whose name matches this regular expression, as in ./test.sh system.mail
   --help    this text
 
@@ -71,6 +72,10 @@ if [[ -n $all ]]; then
     sanitizer tsan thread
     step "Release"
     finish release
+    step "Console page in a browser"
+    browser
+    step "Debian package"
+    package
 fi
 
 for failure in "${failures[@]}"; do echo "failed: $failure"; done

@@ -25,6 +25,10 @@
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
+#ifdef KORVATO_COVERAGE
+extern "C" void __gcov_dump();  // _exit would leave the counts behind
+#endif
+
 namespace {
 
 constexpr unsigned kLoopPauseSeconds = 5;
@@ -143,6 +147,9 @@ void stop() {
 [[noreturn]] void endProcess() {
     pthread_detach(th_fcgi->threadID());
     fflush(stdout);
+#ifdef KORVATO_COVERAGE
+    __gcov_dump();
+#endif
     _exit(0);
 }
 

@@ -12,6 +12,12 @@ if(KORVATO_WERROR)
   target_compile_options(korvato_flags INTERFACE -Werror)
 endif()
 
+if(KORVATO_COVERAGE)
+  target_compile_options(korvato_flags INTERFACE --coverage -fprofile-update=atomic)
+  target_compile_definitions(korvato_flags INTERFACE KORVATO_COVERAGE)
+  target_link_options(korvato_flags INTERFACE --coverage)
+endif()
+
 if(KORVATO_SANITIZE)
   target_compile_options(korvato_flags INTERFACE -fsanitize=${KORVATO_SANITIZE} -fno-omit-frame-pointer
                                                  -fno-sanitize-recover=all)
