@@ -1,6 +1,8 @@
 // The bytes of a FastCGI client: the reader of requests, libfcgi behind it, the answers.
 #include <fcgiapp.h>
 
+#include <algorithm>
+
 #include "alarmd/requests/answers.h"
 #include "alarmd/requests/daemon_state.h"
 #include "alarmd/requests/fcgi_responder.h"
@@ -44,6 +46,8 @@ std::vector<FcgiRequest> requestsIn(std::string_view stream, size_t piece) {
 void checkRequest(const FcgiRequest& request) {
     MUST(request.id >= 1 && request.id <= 65535);
     MUST(request.role >= 1 && request.role <= 3);
+    const std::string length(fcgiParam(request.params, "CONTENT_LENGTH"));
+    MUST(static_cast<long long>(request.body.size()) <= std::max(strtoll(length.c_str(), nullptr, 10), 0LL));
     MUST(request.body.size() <= kLongestRequest);
     MUST(!request.too_long || request.body.empty());
     // Its own records give the request again.

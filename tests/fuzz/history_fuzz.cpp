@@ -125,7 +125,7 @@ FUZZ_TARGET(history) {
     for (const std::string& answer : fuzz::parts(input, kBetweenAnswers)) {
         if (!takeAnswer(answer, queued)) break;
         checkPoll();
-        fuzz::world.nanoseconds += int64_t{400} * 1000000000;
+        fuzz::world.nanoseconds += int64_t{100} * 1000000000;  // three walks until an entry's time is up
         checkResend(fuzz::world.nanoseconds / 1000000000);
         checkWaiting();
     }

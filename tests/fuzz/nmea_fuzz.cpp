@@ -1,4 +1,6 @@
 // The GPS receiver's bytes: assembly, checksum, printing, and the answers made of them.
+#include <algorithm>
+
 #include "alarmd/gps/gps_thread.h"
 #include "alarmd/gps/nmea.h"
 #include "alarmd/requests/answers.h"
@@ -38,17 +40,25 @@ void checkStore(const _gps_data& store) {
     MUST(store.GPGSV_count >= 0 && store.GPGSV_count <= 31);
 }
 
+int checksumOf(std::string_view sentence) {
+    int sum = 0;
+    for (const char c : sentence.substr(std::min<size_t>(sentence.size(), 1)))
+        sum ^= static_cast<unsigned char>(c);
+    return sum;
+}
+
 std::string withChecksum(const std::string& sentence) {
-    char digits[8];
-    snprintf(digits, sizeof digits, "*%02X", static_cast<unsigned>(calculateGPScrc(sentence + "*00")));
+    char digits[16];
+    snprintf(digits, sizeof digits, "*%02X", static_cast<unsigned>(checksumOf(sentence)));
     return sentence + digits;
 }
 
-// A sentence with the checksum that the calculation gives is right, with another one it is wrong.
+// A sentence with its checksum is right, with another one it is wrong.
 void checkChecksum(const std::string& sentence) {
     constexpr size_t kShortest = 3;
     if (sentence.size() < kShortest || sentence.find('*') != std::string::npos) return;
     std::string whole = withChecksum(sentence);
+    MUST(calculateGPScrc(whole) == checksumOf(sentence));
     MUST(checkCRC(whole) == 1);
     whole.back() = whole.back() == '0' ? '1' : '0';
     MUST(checkCRC(whole) == 0);
