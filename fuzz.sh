@@ -80,7 +80,7 @@ tell() {
     coverage=$(sed -n 's/^#.* cov: \([0-9]*\) .*/\1/p' "$log" | tail -n 1)
     if [[ $2 -ne 0 ]]; then result="FINDING ($log)"; fi
     printf '  %-14s %11s executions, %4s edges: %s\n' "$target" "${executed:-?}" "${coverage:-?}" "$result"
-    if [[ $2 -ne 0 ]]; then grep -vE '^#[0-9]+' "$log" | tail -n 40; fi
+    if [[ $2 -ne 0 ]]; then grep -vE '^#[0-9]+|^INFO:| in fuzzer::|^stat::' "$log" | tail -n 30; fi
 }
 
 # A fuzzer ends without a clean-up: its temporary files go with this folder.
