@@ -63,12 +63,12 @@ fi
 install_packages build/logs/install.log $fuzz_packages || exit 1
 build fuzz build/logs/build-fuzz.log "${targets[@]/%/_fuzz}" || exit 1
 
-# fuzz TARGET: one run. The longest inputs are those of a modem's or a receiver's hour, not of a big project: what is
-# long is slow, and goes the same ways.
+# fuzz TARGET: one run, in the place of the shell that calls it. The longest inputs are those of a modem's or a
+# receiver's hour, not of a big project: what is long is slow, and goes the same ways.
 fuzz() {
     local target=$1 log=build/logs/fuzz-$1.log
     mkdir -p "build/fuzz-corpus/$target"
-    "build/fuzz/bin/${target}_fuzz" -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=2048 \
+    exec "build/fuzz/bin/${target}_fuzz" -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=2048 \
         -dict=tests/fuzz/words.dict -artifact_prefix="build/fuzz-finds/$target-" -print_final_stats=1 \
         "build/fuzz-corpus/$target" "tests/fuzz/corpus/$target" </dev/null >"$log" 2>&1
 }
