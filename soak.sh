@@ -13,8 +13,8 @@ web server, and clients of its own. Missing packages are installed first.
 
   MINUTES   for so long everything that can happen to the daemon happens in a random mixture: alarms of all kinds, bad
             answers, a server that goes away, phones, a modem and a mail client that fail, requests good and bad, GPS
-            noise, notifications off and on. A line a minute tells how it goes. At the end each mail, SMS, acknowledge and
-            answer must have come out exactly as often as it should. Ctrl-C ends it early.
+            noise, notifications off and on. A line a minute tells how it goes. At the end each mail, SMS, acknowledge
+            and answer must have come out exactly as often as it should. Ctrl-C ends it early.
   --load    the full load instead: 10,000 alarms in one answer to 20 users by mail and by SMS, and 1,000 answers of 100
             alarms, with the figures. Takes about twenty minutes.
   --seed N  another mixture (default 1)
@@ -63,6 +63,7 @@ for folder in build out; do
         exit 1
     fi
 done
+# shellcheck disable=SC2154
 # The load's clock runs faster than the machine's, and its server makes a certificate.
 if [[ -n $load ]]; then packages="$run_packages faketime openssl"; else packages=$run_packages; fi
 # shellcheck disable=SC2086

@@ -1,8 +1,8 @@
 """Much at once: thousands of alarms in one answer, answer after answer, and what becomes of memory, queues and counts.
 
 The sizes are such as a test can have. With KORVATO_LOAD=full (./soak.sh --load) they are the real ones, and figures are
-printed. An SMS takes the modem seconds, so the great numbers of them are composed while notifications are off; some hundreds
-are really sent, on a clock that runs faster.
+printed. An SMS takes the modem seconds, so the great numbers of them are composed while notifications are off; some
+hundreds are really sent, on a clock that runs faster.
 """
 
 import collections
@@ -14,7 +14,6 @@ import time
 import counting_plant
 import plant
 import requests_plant
-import sms_plant
 
 FULL = os.environ.get("KORVATO_LOAD") == "full"
 SPEED = 1 if FULL else 10  # of the daemon's clock: its pauses are most of a small load's time
@@ -25,7 +24,8 @@ HELD_BACK, NEW_ALARM = b"Notification DISABLED !!!!", b"---------------NEW ALARM
 MAIL_PASS, SMS_PASS, RAW_PASS = b"-->Thread mail (queue:", b"-->Thread sms (queue:", b"-->Thread sms (queue_raw:"
 
 # What the C library may keep of freed memory beyond the round before: it gives only the heap's end back, and how long a
-# queue becomes depends on how the threads take turns. Below a tenth of this was seen, and a leak of a mail's size is 10 MB.
+# queue becomes depends on how the threads take turns. Below a tenth of this was seen; to lose each mail's text makes
+# three times as much.
 SLACK = 2048  # kB
 
 
@@ -41,7 +41,8 @@ def users(phones):
 
 
 def alarms(count, groups_of):
-    """Definitions 1 to count, all told by mail and SMS in every state, in the groups that groups_of gives of a number."""
+    """Definitions 1 to count, all told by mail and SMS in every state, in the groups that groups_of gives of a
+    number."""
     return [{"id": number, "severity": 1, "area": "Area", "device": "Device", "tag": "T", "message": "%d" % number,
              "areaLangs": {}, "deviceLangs": {},
              "messageLangs": {language: "%s %d" % (language, number) for language in LANGUAGES}, "email": True,
@@ -100,7 +101,8 @@ class LoadTest(requests_plant.RequestTest):
             self.speed = 1
             return None
         self.speed = speed
-        return {**os.environ, "LD_PRELOAD": libraries[0], "FAKETIME": "+0 x%d" % speed, "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+        return {**os.environ, "LD_PRELOAD": libraries[0], "FAKETIME": "+0 x%d" % speed,
+                "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
 
     def line(self, line):
         for number, head in enumerate((MAIL_PASS, SMS_PASS, RAW_PASS)):
@@ -118,7 +120,8 @@ class LoadTest(requests_plant.RequestTest):
     def give(self, numbers):
         """The next poll is answered with these alarms. Each answer has a second of its own, which the mails tell."""
         self.alarm_time += 1
-        entries = [plant.entry(number, 1, self.alarm_time, micro, av=self.round) for micro, number in enumerate(numbers)]
+        entries = [plant.entry(number, 1, self.alarm_time, micro, av=self.round)
+                   for micro, number in enumerate(numbers)]
         self.answers.append(plant.json_answer({"d": entries}))
 
     def wait(self, condition, what, there=lambda: ""):
@@ -188,8 +191,8 @@ class LoadTest(requests_plant.RequestTest):
             self.wait_drained()
             self.assertEqual((self.counted(NEW_ALARM), self.counted(HELD_BACK)), (count * self.round, messages))
             memory.append(self.memory().rss)
-            tell("round %d: %d alarms, %d mails and SMS composed and held back in %.1f s, %.1f s of processor time", self.round,
-                 count, 2 * count * len(self.recipients(1)), seconds, self.memory().processor - before)
+            tell("round %d: %d alarms, %d mails and SMS composed and held back in %.1f s, %.1f s of processor time",
+                 self.round, count, 2 * count * len(self.recipients(1)), seconds, self.memory().processor - before)
         self.assert_no_growth(memory, "one answer of %d alarms" % count)
         self.assertEqual((self.client.new(), self.modem.sms()), ([], []))
 
@@ -206,8 +209,8 @@ class LoadTest(requests_plant.RequestTest):
             mails = self.wait_mails(range(1, count + 1))
             self.wait_drained()
             memory.append(self.memory().rss)
-            tell("round %d: %d alarms to %d users, %d mails sent in %.1f s, %.1f s of processor time", self.round, count, USERS,
-                 mails, time.monotonic() - begin, self.memory().processor - before)
+            tell("round %d: %d alarms to %d users, %d mails sent in %.1f s, %.1f s of processor time", self.round,
+                 count, USERS, mails, time.monotonic() - begin, self.memory().processor - before)
         self.assert_no_growth(memory, "%d mails" % mails)
 
     def test_answer_after_answer(self):
@@ -226,8 +229,8 @@ class LoadTest(requests_plant.RequestTest):
             self.wait_drained()
             self.assertEqual(self.counted(NEW_ALARM), 100 * answers * self.round)
             memory.append(self.memory().rss)
-            tell("round %d: %d answers of 100 alarms, %d mails sent in %.1f s, %.1f s of processor time", self.round, answers,
-                 mails, time.monotonic() - begin, self.memory().processor - before)
+            tell("round %d: %d answers of 100 alarms, %d mails sent in %.1f s, %.1f s of processor time", self.round,
+                 answers, mails, time.monotonic() - begin, self.memory().processor - before)
         self.assert_no_growth(memory, "%d answers a round" % answers)
 
     def test_sms_of_many_alarms(self):

@@ -1,6 +1,7 @@
-"""The soak: the daemon among all its peers, with everything that can happen to it in a random mixture, for as long as is
-asked for. A model (soak_model.py) works out what must come of it; at the end, and at quiet moments on the way, what came must
-be exactly that: each mail once, each SMS as often as it was told, each acknowledge at the server, each request its answer.
+"""The soak: the daemon among all its peers, with everything that can happen to it in a random mixture, for as long as
+is asked for. A model (soak_model.py) works out what must come of it; at the end, and at quiet moments on the way, what
+came must be exactly that: each mail once, each SMS as often as it was told, each acknowledge at the server, each request
+its answer.
 
 Runs in a private world (scripts/world.sh), started by soak.sh. The seed fixes what is chosen, not when it happens.
 """
@@ -86,12 +87,12 @@ class Soak:
 
     def __init__(self, seed, folder):
         self.random = random.Random("%s generator" % seed)
+        self.sms_random = random.Random("%s SMS" % seed)  # of its own, since workers take from it too
         self.seed, self.folder = seed, folder
         self.project = soak_model.Project()
         self.model = soak_model.Model(self.project)
         self.gate = Gate()
         self.began = time.monotonic()
-        self.ended = []  # why the run cannot go on
         self.errors = collections.Counter()  # lines on the daemon's standard error
         self.polled = []  # start points of the polls since the last quiet moment
         self.sending = self.text = None  # what the daemon's log is in the middle of
@@ -112,7 +113,7 @@ class Soak:
 
     def write(self, name, content):
         os.makedirs(os.path.dirname(self.path(name)), exist_ok=True)
-        with open(self.path(name), "w") as file:
+        with open(self.path(name), "w", encoding="utf-8") as file:
             file.write(content if isinstance(content, str) else json.dumps(content, ensure_ascii=False))
 
     def configure(self, https_port):
@@ -140,8 +141,8 @@ class Soak:
         self.initialised = threading.Event()
         self.daemon = counting_plant.Program(
             [plant.ALARMD], cwd=self.folder, out=self.daemon_line, err=self.daemon_error,
-            prefixes=(b"JSON : ", b"Sending ....Number: ", b"-------", b"Notification DISABLED", b"\tText: ", b"\tFrom: ",
-                      b"MODEM INIT"))
+            prefixes=(b"JSON : ", b"Sending ....Number: ", b"-------", b"Notification DISABLED", b"\tText: ",
+                      b"\tFrom: ", b"MODEM INIT"))
         self.programs = [self.server, self.modem, self.gps, self.daemon]
         if not self.initialised.wait(60):
             raise Ended("the modem is not initialised")
@@ -149,10 +150,18 @@ class Soak:
             plant.wait_for(lambda: ("0100007F", port) in requests_plant.listening(), "port %d" % port)
         self.wait(lambda: self.model.counts["answers"] >= 2 and self.fixes, "the first polls")
         self.ask_exactly(56, requests_plant.ENABLED)  # the first request opens what the others use
-        self.at_start = self.resources()
+        self.at_start = self.at_rest()
 
     def resources(self):
         return counting_plant.resources(self.daemon.pid)
+
+    def at_rest(self):
+        """What the daemon takes while nobody asks it: connections that are just being closed do not count."""
+        samples = []
+        for _ in range(20):
+            samples.append(self.resources())
+            time.sleep(0.1)
+        return min(samples, key=lambda sample: sample.descriptors)
 
     # -- what the peers tell, each in its own thread
 
@@ -273,8 +282,8 @@ class Soak:
         return self.serial
 
     def alarm(self, number, state, **more):
-        self.server.command(alarm=number, state=state, value=self.value(), user=self.random.choice(["", "novak", "Köhler"]),
-                            **more)
+        user = self.random.choice(["", "novak", "Köhler"])
+        self.server.command(alarm=number, state=state, value=self.value(), user=user, **more)
 
     def sms_is_cheap(self):
         """Whether there may be some more SMS now. There must be times without any, or no message of a phone is read."""
@@ -282,12 +291,12 @@ class Soak:
             now = time.monotonic()
             if now < self.next_sms or self.model.open_items("told") >= self.most_sms_owed:
                 return False
-            self.next_sms = now + self.random.expovariate(1 / SMS_INTERVAL)
+            self.next_sms = now + self.sms_random.expovariate(1 / SMS_INTERVAL)
             return True
 
     def some_alarm(self):
-        numbers = list(soak_model.ALARMS) if self.random.random() < 0.3 and self.sms_is_cheap() else soak_model.MAIL_ONLY
-        return self.random.choice(numbers)
+        any_kind = self.random.random() < 0.3 and self.sms_is_cheap()
+        return self.random.choice(soak_model.ALARMS if any_kind else soak_model.MAIL_ONLY)
 
     def some_state(self):
         return self.random.choice([0, 1, 1, 1, 2, 2, 8])
@@ -429,8 +438,8 @@ class Soak:
     # -- the run
 
     ACTIONS = [
-        (30, single), (8, burst), (10, by_sms), (3, unknown), (3, without_time), (3, old), (5, bad_answer), (1, server_away),
-        (2, push), (3, gps_trouble), (0.5, while_off), (0.5, while_mails_fail), (0.5, while_modem_ails),
+        (30, single), (8, burst), (10, by_sms), (3, unknown), (3, without_time), (3, old), (5, bad_answer),
+        (1, server_away), (2, push), (3, gps_trouble), (0.5, while_off), (0.5, while_mails_fail), (0.5, while_modem_ails),
         (0.3, lambda self: self.burst(2000))]
 
     def run(self, seconds, workers):
@@ -471,8 +480,7 @@ class Soak:
         self.settle()
         wanted = self.at_start.descriptors, self.at_start.threads
         # The line to the server and clients that said nothing are closed after a while.
-        self.wait(lambda: self.resources()[2:] == wanted, "descriptors and threads as at the start: %r, now %r" % (
-            wanted, self.resources()[2:]), 60)
+        self.wait(lambda: self.resources()[2:] == wanted, "%d descriptors and %d threads as at the start" % wanted, 100)
 
     def stop(self):
         self.stopping.set()
@@ -558,7 +566,11 @@ def keep_log(soak):
 def run(minutes, seed, folder):
     soak = Soak(seed, folder)
     report = Report(soak)
-    soak.start()
+    try:
+        soak.start()
+    except (Ended, AssertionError) as why:
+        print("The plant does not start: %s" % why)
+        return STATUS_WRONG
     report.begin(minutes, seed)
     trouble = []
     try:
@@ -587,6 +599,7 @@ def main():
     parser.add_argument("minutes", type=float)
     parser.add_argument("--seed", default="1")
     options = parser.parse_args()
+    sys.stdout.reconfigure(errors="replace")  # for a terminal that cannot show every letter
     signal.signal(signal.SIGINT, signal.default_int_handler)
     folder = tempfile.mkdtemp(prefix="soak-")
     try:

@@ -1,7 +1,7 @@
 """The soak's own idea of what must come out of the daemon: its project, and the balance of what is owed and what came.
 
-The model works from what goes in (the server's answers as the daemon received them, requests, phones' messages) and from the
-project, and never from what the daemon says that it does with them.
+The model works from what goes in (the server's answers as the daemon received them, requests, phones' messages) and from
+the project, and never from what the daemon says that it does with them.
 """
 
 import collections
@@ -32,7 +32,8 @@ def definition(number, groups, email, sms):
              "en": "Message %d" % number}
     return {"id": number, "severity": number % 4, "area": "Area %d" % (number % 7), "tag": "T%d" % number,
             "message": "Default message %d" % number, "device": ["Device", " ", ""][number % 3], "messageLangs": texts,
-            "areaLangs": {"cs": "Oblast %d" % (number % 7)}, "deviceLangs": {"de": "Apparat"} if number % 3 == 0 else {},
+            "areaLangs": {"cs": "Oblast %d" % (number % 7)},
+            "deviceLangs": {"de": "Apparat"} if number % 3 == 0 else {},
             "email": email, "smsAct": sms, "smsDeact": sms and number % 2 == 0, "smsAck": sms and number % 3 > 0,
             "group": [group in groups for group in range(GROUPS)]}
 
@@ -280,8 +281,8 @@ class Model:
             self.outstanding[number, text] += 1
 
     def read(self, number, text):
-        """The daemon has read this message. One that nobody has sent was put together from a message and the modem's own
-        line about it, when that came between question and answer; phones send again what was lost so."""
+        """The daemon has read this message. One that nobody has sent was put together from a message and the modem's
+        own line about it, when that came between question and answer; phones send again what was lost so."""
         with self.lock:
             self.reads.append((time.time(), number, text))
             if self.outstanding[number, text] <= 0:

@@ -1,5 +1,5 @@
-"""The soak's workers: local programs that ask over FastCGI, directly or through a web server, and over TCP, good ones and bad
-ones, and the phones. Each does a step of its own choice, looks at what came of it, and rests."""
+"""The soak's workers: local programs that ask over FastCGI, directly or through a web server, and over TCP, good ones
+and bad ones, and the phones. Each does a step of its own choice, looks at what came of it, and rests."""
 
 import contextlib
 import json
@@ -17,8 +17,8 @@ READING_LIMIT = 900  # seconds until a phone's message is read: a long queue of 
 STRANGERS = ["+420777000000", "12345", "Operator"]
 
 # What a program may ask for and is no request.
-BAD_BODIES = [b"hello", b"{", b"[1]", b'"50"', b'{"t":"50"}', b'{"t":50,"number":7}', b'{"t":50,"text":{}}', b'{"t":5e99}',
-              b"\x00\xff\xfe", b'{"t":54', b"[" * 5000, b'{"t":51}'[:-1] + b"," * 3000]
+BAD_BODIES = [b"hello", b"{", b"[1]", b'"50"', b'{"t":"50"}', b'{"t":50,"number":7}', b'{"t":50,"text":{}}',
+              b'{"t":5e99}', b"\x00\xff\xfe", b'{"t":54', b"[" * 5000, b'{"t":51' + b"," * 3000]
 NO_ANSWER = [b'{"t":49}', b'{"t":57}', b"{}", b'{"t":-1}', b'{"x":1}', b"null", b'{"t":0,"number":"1"}']
 
 
@@ -58,8 +58,8 @@ class Worker:
     # -- what is told of the last message
 
     def last_message_is(self, answer, made_of):
-        """The answer tells a message that was, or is about to be, the last one when it was given. made_of makes the answer
-        of time, number and text."""
+        """The answer tells a message that was, or is about to be, the last one when it was given. made_of makes the
+        answer of time, number and text."""
         end = time.monotonic() + LATE
         while True:
             with self.model.lock:
@@ -298,8 +298,9 @@ class Phones(Worker):
         number = self.random.choice(self.soak.project.phones() * 3 + STRANGERS)
         alarm = self.random.choice([*soak_model.BY_SMS] * 3 + soak_model.ALARMS)
         text = self.random.choice([
-            "ACK:%d", "ACK:%d", "ACK:%d", "ack:%d", "Ack:%d:now", "ACK", "ACK:", "ACK:x%d", ":ACK:%d", "NACK:%d", "Hello",
-            "ACK:%d" + " please" * 20, "příliš žluťoučký %d", "50 %% %s \"quoted\" %%d", "\x01\x02\x7f %d", "ack : %d"])
+            "ACK:%d", "ACK:%d", "ACK:%d", "ack:%d", "Ack:%d:now", "ACK", "ACK:", "ACK:x%d", ":ACK:%d", "NACK:%d",
+            "Hello", "ACK:%d" + " please" * 20, "příliš žluťoučký %d", "50 %% %s \"quoted\" %%d", "\x01\x02\x7f %d",
+            "ack : %d"])
         return number, text.replace("%d", str(alarm))
 
     def step(self):
