@@ -20,14 +20,18 @@ class Hardening(plant.PlantTest):
     def test_the_program_is_hardened(self):
         if re.search("lib[at]san", output("ldd", plant.ALARMD)):
             self.skipTest("sanitizers take the place of the hardening")
-        self.assertRegex(output("readelf", "-hW", plant.ALARMD), r"Type:\s+DYN")
-        self.assertIn("GNU_RELRO", output("readelf", "-lW", plant.ALARMD))
-        self.assertRegex(output("readelf", "-lW", plant.ALARMD), r"GNU_STACK.* RW ")
-        self.assertRegex(output("readelf", "-dW", plant.ALARMD), r"FLAGS.*BIND_NOW")
-        self.assertRegex(output("readelf", "-dW", plant.ALARMD), r"FLAGS_1.*PIE")
-        symbols = output("readelf", "--dyn-syms", "-W", plant.ALARMD)
-        self.assertIn("__stack_chk_fail", symbols)
-        self.assertRegex(symbols, r"__(snprintf|read|memcpy|poll|fdelt)_chk")
+        if b".gcda" in open(plant.ALARMD, "rb").read():
+            self.skipTest("not optimised, as the counting of lines has it")
+        for options, wanted in (
+                (["-hW"], r"Type:\s+DYN"),
+                (["-lW"], r"GNU_RELRO"),
+                (["-lW"], r"GNU_STACK.* RW "),
+                (["-dW"], r"FLAGS.*BIND_NOW"),
+                (["-dW"], r"FLAGS_1.*PIE"),
+                (["--dyn-syms", "-W"], r"__stack_chk_fail"),
+                (["--dyn-syms", "-W"], r"__(snprintf|read|memcpy|poll|fdelt)_chk")):
+            found = re.search(wanted, output("readelf", *options, plant.ALARMD))
+            self.assertTrue(found, "readelf %s shows no %s" % (options, wanted))
 
 
 class Unit(plant.PlantTest):
