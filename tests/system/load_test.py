@@ -14,6 +14,7 @@ import time
 import counting_plant
 import plant
 import requests_plant
+import sms_plant
 
 FULL = os.environ.get("KORVATO_LOAD") == "full"
 SPEED = 1 if FULL else 10  # of the daemon's clock: its pauses are most of a small load's time
@@ -21,6 +22,7 @@ LIMIT = 7200 if FULL else 200  # seconds; of a wait, on a machine that does much
 LANGUAGES = ["cs", "de", "en"]
 USERS, GROUPS = 20, 10
 HELD_BACK, NEW_ALARM = b"Notification DISABLED !!!!", b"---------------NEW ALARM"
+SENT = sms_plant.SEND_OK.encode()
 MAIL_PASS, SMS_PASS, RAW_PASS = b"-->Thread mail (queue:", b"-->Thread sms (queue:", b"-->Thread sms (queue_raw:"
 
 # What the C library may keep of freed memory beyond the round before: it gives only the heap's end back, and how long a
@@ -80,7 +82,7 @@ class LoadTest(requests_plant.RequestTest):
         self.start_answers(lambda n, request: self.answers.popleft() if self.answers else plant.json_answer({"d": []}))
         self.daemon = counting_plant.Program(
             [plant.ALARMD], cwd=self.folder, env=self.fast_clock(speed), out=self.line,
-            prefixes=(HELD_BACK, NEW_ALARM, b"\x1b", b"MODEM INIT"))
+            prefixes=(HELD_BACK, NEW_ALARM, SENT, b"\x1b"))
         self.addCleanup(self.end_daemon)
         # A fast clock is soon far ahead, so new is what is behind the daemon's own start point.
         first = self.server.wait_requests(2, LIMIT)
@@ -110,10 +112,7 @@ class LoadTest(requests_plant.RequestTest):
                 size = int(line.split(head)[1].split(b")")[0])
                 self.passes[number] = size, self.passes.get(number, (0, 0))[1] + 1
                 return
-        self.lines[line[:24]] += 1
-
-    def counted(self, line):
-        return self.lines[line[:24]]
+        self.lines.update(head for head in (HELD_BACK, NEW_ALARM, SENT) if line.startswith(head))
 
     # -- load
 
@@ -186,10 +185,10 @@ class LoadTest(requests_plant.RequestTest):
             self.give(range(1, count + 1))
             # A mail and an SMS for each of the alarm's recipients.
             messages = 2 * count * len(self.recipients(1)) * self.round
-            self.wait(lambda: self.counted(HELD_BACK) >= messages, "%d messages composed" % messages)
+            self.wait(lambda: self.lines[HELD_BACK] >= messages, "%d messages composed" % messages)
             seconds = time.monotonic() - begin
             self.wait_drained()
-            self.assertEqual((self.counted(NEW_ALARM), self.counted(HELD_BACK)), (count * self.round, messages))
+            self.assertEqual((self.lines[NEW_ALARM], self.lines[HELD_BACK]), (count * self.round, messages))
             memory.append(self.memory().rss)
             tell("round %d: %d alarms, %d mails and SMS composed and held back in %.1f s, %.1f s of processor time",
                  self.round, count, 2 * count * len(self.recipients(1)), seconds, self.memory().processor - before)
@@ -227,7 +226,7 @@ class LoadTest(requests_plant.RequestTest):
                 self.give(numbers)
             mails = self.wait_mails(numbers * answers)
             self.wait_drained()
-            self.assertEqual(self.counted(NEW_ALARM), 100 * answers * self.round)
+            self.assertEqual(self.lines[NEW_ALARM], 100 * answers * self.round)
             memory.append(self.memory().rss)
             tell("round %d: %d answers of 100 alarms, %d mails sent in %.1f s, %.1f s of processor time", self.round,
                  answers, mails, time.monotonic() - begin, self.memory().processor - before)
@@ -250,8 +249,8 @@ class LoadTest(requests_plant.RequestTest):
             self.wait_drained((1, 2))
             self.assertEqual(collections.Counter(self.modem.sms()), wanted)
             memory.append(self.memory().rss)
-            tell("round %d: %d SMS sent in %.1f s, the clock %d times as fast", self.round,
-                 sum(wanted.values()) // self.round, time.monotonic() - begin, self.speed)
+            tell("round %d: %d SMS sent in %.1f s, the clock %d times as fast; %d told as sent so far", self.round,
+                 sum(wanted.values()) // self.round, time.monotonic() - begin, self.speed, self.lines[SENT])
         self.wait_mails_of_sms(count, rounds)
         if rounds > 1:
             self.assert_no_growth(memory, "SMS")
