@@ -11,7 +11,8 @@ install(FILES packaging/etc/korvato.conf packaging/etc/msmtp.conf packaging/etc/
         DESTINATION /etc/korvato)
 install(FILES packaging/systemd/alarmd.service DESTINATION lib/systemd/system)
 install(DIRECTORY packaging/web/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/korvato/web)
-install(FILES README.md docs/OPERATIONS.md docs/RELIABILITY.md docs/SECURITY.md DESTINATION ${doc})
+install(FILES README.md docs/CONFIGURATION.md docs/OPERATIONS.md docs/RELIABILITY.md docs/SECURITY.md
+        DESTINATION ${doc})
 install(DIRECTORY examples DESTINATION ${doc})
 install(DIRECTORY packaging/nginx DESTINATION ${doc}/examples)
 
