@@ -9,7 +9,7 @@ test_packages="$run_packages libgtest-dev libcli11-dev faketime libfcgi-bin open
 
 # What ./test.sh --all takes besides.
 all_packages="$test_packages clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev libbenchmark-dev chromium chromium-driver
-    python3-selenium debootstrap dpkg-dev systemd procps"
+    python3-selenium debootstrap dpkg-dev file systemd procps"
 
 # What ./fuzz.sh takes.
 fuzz_packages="cmake ninja-build g++ pkg-config libjsoncpp-dev libcurl4-openssl-dev libfcgi-dev clang-14
