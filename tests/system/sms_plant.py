@@ -238,8 +238,9 @@ class SmsTest(plant.PlantTest):
 
     def phone(self, number, text):
         """A phone sends a message, and the daemon reads it. One that comes between a reading and the clearing of the
-        store behind it is lost with the rest, so it is sent again."""
-        read = plant.starting("\tText: ")
+        store behind it is lost with the rest, and one whose announcement comes between the order and its answer is not
+        understood, so it is sent again."""
+        read = plant.starting("\tText: " + text.splitlines()[0])
         for _ in range(5):
             before = self.daemon.out.count(read)
             self.modem.phone(number, text)
