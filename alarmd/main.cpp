@@ -1,5 +1,6 @@
 // The daemon: start-up, main loop, stop.
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -88,8 +89,15 @@ void stopServerLine(MyTcpClient& client) {
     client.Stop();
 }
 
+// The C library by itself keeps what was freed below the last block in use: after the loading of a great
+// project, or a burst of alarms, that is most of it.
+void giveMemoryBack() {
+    malloc_trim(0);
+}
+
 void start() {
     loadProjectFiles(true);
+    giveMemoryBack();
     if (sms) readSMSset();
     startWorkers();
     last_timestamp = time(nullptr);
@@ -112,6 +120,15 @@ void reread() {
     reload = false;
 }
 
+// True when alarms waited at the last call and none do now.
+bool alarmsHaveBeenTold() {
+    static bool alarms_waited = false;
+    const bool alarms_wait = !fronta_mail.empty() || !fronta_sms.empty();
+    const bool told = alarms_waited && !alarms_wait;
+    alarms_waited = alarms_wait;
+    return told;
+}
+
 void runMainLoop() {
     last_resend = time(nullptr);
     while (!konec) {
@@ -119,6 +136,7 @@ void runMainLoop() {
         if (readok) pollHistory();
         const time_t now = time(nullptr);
         if (last_resend + kResendIntervalSeconds < now) checkResend(now);
+        if (alarmsHaveBeenTold()) giveMemoryBack();
         if (!konec) sleep(kLoopPauseSeconds);
     }
 }
