@@ -35,7 +35,7 @@ done
 . scripts/checks.sh
 
 wanted=95
-mkdir -p build/logs
+writable build/logs || exit 1
 # shellcheck disable=SC2086
 install_packages build/logs/install.log $test_packages gcovr || exit 1
 

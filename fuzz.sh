@@ -55,10 +55,7 @@ done
 # shellcheck source=scripts/build.sh
 . scripts/build.sh
 
-if ! mkdir -p build/logs build/fuzz-finds || [[ ! -w build/logs ]]; then
-    echo "The folder $PWD/build cannot be written; does it belong to another user?" >&2
-    exit 1
-fi
+writable build/logs build/fuzz-finds || exit 1
 # shellcheck disable=SC2086
 install_packages build/logs/install.log $fuzz_packages || exit 1
 build fuzz build/logs/build-fuzz.log "${targets[@]/%/_fuzz}" || exit 1

@@ -35,12 +35,7 @@ done
 # shellcheck source=scripts/build.sh
 . scripts/build.sh
 
-for folder in build out; do
-    if ! mkdir -p $folder || [[ ! -w $folder ]]; then
-        echo "The folder $PWD/$folder cannot be written; does it belong to another user?" >&2
-        exit 1
-    fi
-done
+writable build out || exit 1
 # shellcheck disable=SC2086
 install_packages out/install.log $run_packages || exit 1
 if [[ $(scripts/world.sh --probe) == none ]]; then

@@ -57,12 +57,7 @@ if [[ -z $load && -z $minutes || -n $load && -n $minutes ]]; then usage >&2; exi
 # shellcheck source=scripts/build.sh
 . scripts/build.sh
 
-for folder in build out; do
-    if ! mkdir -p $folder || [[ ! -w $folder ]]; then
-        echo "The folder $PWD/$folder cannot be written; does it belong to another user?" >&2
-        exit 1
-    fi
-done
+writable build out || exit 1
 # shellcheck disable=SC2154
 # The load's clock runs faster than the machine's, and its server makes a certificate.
 if [[ -n $load ]]; then packages="$run_packages faketime openssl"; else packages=$run_packages; fi

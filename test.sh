@@ -38,10 +38,7 @@ done
 # shellcheck source=scripts/checks.sh
 . scripts/checks.sh
 
-if ! mkdir -p build/logs || [[ ! -w build/logs ]]; then
-    echo "The folder $PWD/build cannot be written; does it belong to another user?" >&2
-    exit 1
-fi
+writable build/logs || exit 1
 if [[ -n $all ]]; then packages=$all_packages; else packages=$test_packages; fi
 # shellcheck disable=SC2086
 install_packages build/logs/install.log $packages || exit 1

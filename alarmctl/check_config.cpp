@@ -1,7 +1,6 @@
 #include "alarmctl/check_config.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -11,11 +10,10 @@
 #include <string_view>
 #include <vector>
 
+#include "alarmctl/check_json_text.h"
 #include "alarmd/alarmd.h"
-#include "alarmd/json_reader.h"
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/project_file.h"
-#include "alarmd/regular_file.h"
 
 namespace {
 
@@ -59,16 +57,8 @@ std::string firstWord(const std::string& text) {
 // Reads a configuration file; false when that fails, which is told.
 bool readLines(const std::string& path, Severity severity, const char* consequence, Findings& findings,
                std::vector<Line>& lines) {
-    findings.lookedAt(path);
-    std::string reason;
-    const int descriptor = openRegularFile(path, reason);
-    if (descriptor < 0) {
-        findings.add({severity, {path}, "unreadable", "cannot be opened (" + reason + "): " + consequence});
-        return false;
-    }
-    close(descriptor);
     std::string text;
-    readWholeFile(path, text);
+    if (!readForCheck(path, severity, consequence, findings, text)) return false;
     lines = linesOf(text);
     return true;
 }

@@ -59,8 +59,8 @@ bool parseForCheck(const std::string& path, Json::Value& root) {
     return readWholeFile(path, text) && parseJson(text, root, errors);
 }
 
-bool parseForCheck(const std::string& path, Severity severity, const std::string& consequence,
-                   Findings& findings, Json::Value& root) {
+bool readForCheck(const std::string& path, Severity severity, const std::string& consequence,
+                  Findings& findings, std::string& text) {
     findings.lookedAt(path);
     std::string reason;
     const int descriptor = openRegularFile(path, reason);
@@ -69,8 +69,14 @@ bool parseForCheck(const std::string& path, Severity severity, const std::string
         return false;
     }
     close(descriptor);
-    std::string text, errors;
     readWholeFile(path, text);
+    return true;
+}
+
+bool parseForCheck(const std::string& path, Severity severity, const std::string& consequence,
+                   Findings& findings, Json::Value& root) {
+    std::string text, errors;
+    if (!readForCheck(path, severity, consequence, findings, text)) return false;
     if (!parseJson(text, root, errors)) {
         const ParseFault fault = faultIn(errors);
         findings.add(

@@ -1,4 +1,4 @@
-// JSON files as the checks read them.
+// Files as the checks read them, JSON files above all.
 #pragma once
 
 #include <json/value.h>
@@ -9,6 +9,10 @@
 #include <vector>
 
 #include "alarmctl/findings.h"
+
+// Reads a whole file. False when that fails, which is told as a finding of that severity.
+bool readForCheck(const std::string& path, Severity severity, const std::string& consequence,
+                  Findings& findings, std::string& text);
 
 // Parses the file as the daemon does. False when it cannot be read or is no JSON.
 bool parseForCheck(const std::string& path, Json::Value& root);

@@ -1,5 +1,16 @@
 # Configuring and building a preset, with progress on the terminal. Sourced by run.sh and test.sh.
 
+# writable FOLDER...: makes the folders. Fails, with a line, for one that cannot be written.
+writable() {
+    local folder
+    for folder; do
+        if ! mkdir -p "$folder" || [[ ! -w $folder ]]; then
+            echo "The folder $PWD/$folder cannot be written; does it belong to another user?" >&2
+            return 1
+        fi
+    done
+}
+
 # build PRESET LOG [TARGET...]: builds the targets, or everything. The tools' talk goes to the file LOG; its end is
 # shown when something fails.
 build() {

@@ -5,7 +5,7 @@ run_packages="cmake ninja-build g++ pkg-config libjsoncpp-dev libcurl4-openssl-d
     libssl-dev msmtp nginx-light python3 python3-aiosmtpd iproute2 util-linux ca-certificates"
 
 # What ./test.sh takes besides.
-test_packages="$run_packages libgtest-dev libcli11-dev faketime libfcgi-bin openssl"
+test_packages="$run_packages libgtest-dev libcli11-dev faketime libfcgi-bin openssl tzdata"
 
 # What ./test.sh --all takes besides.
 all_packages="$test_packages clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev libbenchmark-dev chromium chromium-driver

@@ -202,6 +202,18 @@ TEST_F(SmsSendingTest, DisabledNotificationsAreToldAndCountedAndRawMessagesGo) {
     EXPECT_EQ(line.received(), onTheLine("9", "raw"));
 }
 
+// A drain in which a stop is asked for while the first message waits for the modem.
+void drainWithStop() {
+    PtyModem line;
+    ASSERT_TRUE(connectModem(line.device()));
+    std::thread stop([] {
+        MySleep(0, 500000000);
+        konec = true;
+    });
+    zpracuj_sms();
+    stop.join();
+}
+
 TEST_F(SmsSendingTest, AStopLeavesTheDrain) {
     fronta_sms_raw.push({"9", "raw", "127.0.0.1", -1});
     konec = true;
@@ -219,14 +231,7 @@ TEST_F(SmsSendingTest, AnAlarmThatAStopCutsOffCountsAsUnsent) {
     const int before = unsentSms();
     fronta_sms.push(alarmNow(17, kActivated));
     fronta_sms.push(alarmNow(17, kDeactivated));
-    PtyModem line;
-    ASSERT_TRUE(connectModem(line.device()));
-    std::thread stop([] {
-        MySleep(0, 500000000);
-        konec = true;
-    });
-    zpracuj_sms();
-    stop.join();
+    drainWithStop();
     EXPECT_EQ(sms_counter, 1);
     EXPECT_EQ(fronta_sms.size(), 1);
     EXPECT_EQ(unsentSms(), before + 2);
@@ -238,14 +243,7 @@ TEST_F(SmsSendingTest, AnAlarmOnWhoseLastMessageAStopComesIsNotCutOff) {
     join(2, 17, member(""));
     const int before = unsentSms();
     fronta_sms.push(alarmNow(17, kActivated));
-    PtyModem line;
-    ASSERT_TRUE(connectModem(line.device()));
-    std::thread stop([] {
-        MySleep(0, 500000000);
-        konec = true;
-    });
-    zpracuj_sms();
-    stop.join();
+    drainWithStop();
     EXPECT_EQ(unsentSms(), before);
 }
 
