@@ -14,6 +14,8 @@
 
 #include "alarmd/alarmd.h"
 
+int client_stop_limit = 60;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -77,7 +79,7 @@ class SpawnSetup {
     posix_spawnattr_t attributes_;
 };
 
-// A client that runs: feeds it, waits for it and, at a stop request, ends it.
+// A client that runs: feeds it, waits for it and, when it takes too long at a stop request, ends it.
 class RunningClient {
   public:
     // input_end: the writing end of the client's standard input, non-blocking.
@@ -137,13 +139,14 @@ class RunningClient {
         return true;
     }
 
-    // The client is not reaped yet, so its number cannot belong to another process.
+    // The client is not reaped yet, so its number cannot belong to another process. Its time begins where the
+    // request is first seen: within a slice of the request, or of its own start when that is later.
     void pressToStop() {
         static constexpr int kSignals[] = {SIGTERM, SIGKILL};
         const Clock::time_point now = Clock::now();
         if (!stop_seen_) {
             stop_seen_ = true;
-            next_signal_ = now + std::chrono::seconds(kStopGraceSeconds);
+            next_signal_ = now + std::chrono::seconds(client_stop_limit);
         }
         if (signals_sent_ == 2 || now < next_signal_) return;
         kill(pid_, kSignals[signals_sent_]);

@@ -9,21 +9,25 @@ struct ClientResult {
         kExited,      // code: exit status
         kSignalled,   // code: signal number
         kNotStarted,  // code: errno
-        kStopped,     // it hung at a stop request and was ended
+        kStopped,     // it took longer than a stop request leaves it and was ended
     };
     Kind kind = kExited;
     int code = 0;
 };
 
+// Seconds that a stop request leaves to a client. Constant in a running daemon; tests change it before they
+// start threads.
+extern int client_stop_limit;
+constexpr int kKillDelaySeconds = 1;
+
 // Starts the program path without a shell, arguments being its argv (with argv[0]), writes input to its
 // standard input and waits for its end. A client that leaves its input unread is waited for all the same.
 //
 // The client inherits standard output and error and no other descriptor. Its signal mask is empty and SIGPIPE
-// has its default action. When konec is set while it runs, it has kStopGraceSeconds more; then it gets
-// SIGTERM, and SIGKILL kKillDelaySeconds later, and the result is kStopped.
+// has its default action. When konec is set while it runs, it has client_stop_limit seconds from then on, and
+// from its start when konec was set before; a client that takes longer gets SIGTERM, and SIGKILL
+// kKillDelaySeconds later, and the result is kStopped.
 //
 // REQUIRES: SIGPIPE is ignored. Any thread.
-constexpr int kStopGraceSeconds = 3;
-constexpr int kKillDelaySeconds = 1;
 ClientResult runClient(const std::string& path, const std::vector<std::string>& arguments,
                        const std::string& input);

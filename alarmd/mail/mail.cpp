@@ -49,8 +49,8 @@ void tellFailure(const std::string& client, const ClientResult& result) {
                            " cannot be started: ", strerror_r(result.code, buffer, sizeof buffer));
             break;
         case ClientResult::kStopped:
-            PrintErrorLine("Mail client ", client, " did not end within ", kStopGraceSeconds,
-                           " s of the stop request and was ended");
+            PrintErrorLine("Mail client ", client, " took more than ", client_stop_limit,
+                           " s during the stop and was ended");
             break;
     }
 }

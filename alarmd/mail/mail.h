@@ -38,8 +38,8 @@ void readCSSTemplate();
 // that is missing or fails is told in one line on standard error. Mail thread; main thread for the test mail.
 void send_mail(const char* to, std::string body, const char* ignored, const char* subject);
 
-// True when the client of the last send_mail hung at a stop request and had to be ended: no further mail
-// should be tried. Thread of send_mail.
+// True when the client of the last send_mail took longer than a stop request leaves it and had to be ended:
+// no further mail should be tried. Thread of send_mail.
 bool mailClientHung();
 
 // Composes and sends the test mail to test_user. Main thread, before any other thread starts.

@@ -22,8 +22,9 @@ std::string alarmMailBody(const _alarm_tag& alarm, const _langs& texts);
 void vlakno_m();
 
 // One pass: every queued alarm becomes one mail to each user of each group (0 to 9) that lists it. An alarm
-// whose event is ALARM_TIMEOUT seconds old is dropped with a line. When a stop request meets a client that
-// hangs, the mails that are left are counted on standard error and not sent. Mail thread.
+// whose event is ALARM_TIMEOUT seconds old is dropped with a line. A stop request does not end the pass,
+// however long that takes, unless a client then takes longer than client_stop_limit: the mails behind it are
+// counted on standard error and not sent. Mail thread.
 void zpracuj_maily_by_users();
 
 class MyThread final : public Thread3 {

@@ -56,11 +56,11 @@ class MailFaultTest(faults_plant.FaultTest):
         self.start_daemon_for(count, users, **{"modemPort": "", **settings})
         self.sim.wait_polls(1)
 
-    def happen(self, numbers):
+    def happen(self, numbers, ahead=1):
         """These alarms become active, so that one answer brings all of them."""
-        moment = int(time.time())
+        moment = int(time.time()) + ahead
         for micro, number in enumerate(numbers):
-            self.sim.alarm(number, time=[moment + 1, micro])
+            self.sim.alarm(number, time=[moment, micro])
 
     def write_client(self, script):
         """The client is replaced in one step, or put there."""
@@ -181,22 +181,48 @@ class Clients(MailFaultTest):
 
 
 class Stop(MailFaultTest):
-    def stop_at(self, run, script, count=5):
-        """Stops the daemon when the client has been started so often, with this many mails in the queue."""
+    def stop_at(self, run, script, count=5, speed=1):
+        """Asks the daemon to stop when the client has been started so often, with this many mails in the queue. Returns
+        when that was, and how many times as fast the daemon's clock runs: speed, or 1 where it cannot be turned."""
         self.write_client(script)
-        self.start(count)
-        self.happen(range(FIRST, FIRST + count))
+        env, speed = plant.fast_clock(speed) if speed > 1 else (None, 1)
+        self.start(count, env=env)
+        self.happen(range(FIRST, FIRST + count), plant.AHEAD)
         plant.wait_for(lambda: self.runs() >= run, "the client")
-        self.assert_stops(STOP_LIMIT)
+        begin = time.monotonic()
+        self.daemon.signal(signal.SIGTERM)
+        return begin, speed
+
+    def assert_ends(self, begin, limit):
+        self.assertEqual(self.daemon.wait_exit(limit + plant.PATIENCE), 0, self.daemon.err.text()[-4000:])
+        self.assertLess(time.monotonic() - begin, limit)
 
     def test_a_stop_while_mails_go_out_sends_them_all_once(self):
-        self.stop_at(2, COUNTING + "*) sleep 0.5; take ;;\nesac\n")
+        begin, _ = self.stop_at(2, COUNTING + "*) sleep 0.5; take ;;\nesac\n")
+        self.assert_ends(begin, STOP_LIMIT)
+        self.assertEqual((self.runs(), self.inputs()), (5, {n: message(FIRST + n) for n in range(5)}))
+        self.told(0)
+
+    def test_a_stop_waits_for_slow_clients_and_sends_what_is_behind_them(self):
+        gate = "while [ ! -e \"$0.gate.$n\" ]; do sleep 0.2; done; take"
+        _, speed = self.stop_at(2, COUNTING + part(1, gate) + part(2, gate) + "*) take ;;\nesac\n", speed=5)
+        # Together they take longer than one may.
+        for n in (1, 2):
+            plant.wait_for(lambda: self.runs() > n, "client %d" % n)
+            time.sleep(0.6 * plant.CLIENT_LIMIT / speed)
+            self.assertEqual((self.runs(), self.inputs()), (n + 1, {k: message(FIRST + k) for k in range(n)}))
+            self.write(CLIENT + ".gate.%d" % n, "")
+        self.assert_ends(time.monotonic(), STOP_LIMIT)
         self.assertEqual((self.runs(), self.inputs()), (5, {n: message(FIRST + n) for n in range(5)}))
         self.told(0)
 
     def test_a_stop_while_the_client_hangs_tells_what_was_not_sent(self):
-        self.stop_at(2, COUNTING + part(0, "take") + part(1, "trap '' TERM; while :; do sleep 0.2; done")
-                     + "*) take ;;\nesac\n")
+        begin, speed = self.stop_at(2, COUNTING + part(0, "take") + part(1, "trap '' TERM; while :; do sleep 0.2; done")
+                                    + "*) take ;;\nesac\n", speed=10)
+        self.assert_ends(begin, plant.CLIENT_LIMIT / speed + STOP_LIMIT)
+        took = speed * (self.daemon.err.wait(plant.holding("was ended"))[0] - begin)
+        print("The client was ended %.1f s after the request" % took)
+        self.assertGreater(took, plant.CLIENT_LIMIT)
         self.assertEqual((self.runs(), self.inputs()), (2, {0: message(FIRST)}))
         self.assertEqual(self.sent(), 2)
         ended, not_sent = self.told(2)

@@ -26,10 +26,10 @@ def printed(line, count=1):
     return lambda member: member.out.count(line) >= count
 
 
-def entries(*numbers):
+def entries(*numbers, ahead=3):
     """Activations that are new to a daemon that has just been started."""
-    now = time.time()
-    return plant.json_answer({"d": [plant.entry(number, 1, now + 3, micro) for micro, number in enumerate(numbers)]})
+    moment = time.time() + ahead
+    return plant.json_answer({"d": [plant.entry(number, 1, moment, micro) for micro, number in enumerate(numbers)]})
 
 
 class StopTest(fleet_plant.FleetTest):
@@ -39,8 +39,8 @@ class StopTest(fleet_plant.FleetTest):
         self.addCleanup(server.end)
         return server
 
-    def mail_storm(self, count):
-        return self.answers(lambda n, _: entries(*([20] * count)) if n == 0 else entries()).port
+    def mail_storm(self, count, **when):
+        return self.answers(lambda n, _: entries(*([20] * count), **when) if n == 0 else entries()).port
 
     def start_phase(self, member, condition, pauses, *signals):
         """Starts the daemon; the signals (SIGTERM when none are given) come as soon as the condition is true."""
@@ -65,7 +65,7 @@ class StopTest(fleet_plant.FleetTest):
         for member, pauses, thread in self.phases:
             thread.join()
             self.assertIn(member, self.took, "no phase or no end: %s\n%s" % (member.name, member.out.text()[-4000:]))
-            print("%s: %.1f s, pauses of %d s" % (member.name, self.took[member], pauses))
+            print("%s: %.1f s, pauses of %.0f s" % (member.name, self.took[member], pauses))
             self.assert_ended_well(member)
             self.assertLess(self.took[member], pauses + ALLOWANCE, member.name)
 
@@ -143,9 +143,10 @@ class MailThread(StopTest):
         os.unlink(client)
         os.symlink("/usr/bin/true", client)
         self.start_phase(storm, printed("-> Odeslan"), LOOP + 30)  # the pass is finished
-        # The one that hangs is given 3 s, and a SIGTERM.
-        hangs = self.add("client-hangs", "", "exec sleep 600\n", self.mail_storm(1000), start=False)
-        self.start_phase(hangs, lambda member: member.client.runs(), 3 + 1 + LOOP)
+        # The one that hangs is given its time, and a SIGTERM.
+        hangs = self.add("client-hangs", "", "exec sleep 6000\n", self.mail_storm(1000, ahead=plant.AHEAD), start=False)
+        hangs.env, speed = plant.fast_clock(10)
+        self.start_phase(hangs, lambda member: member.client.runs(), (plant.CLIENT_LIMIT + 1 + LOOP) / speed)
         # They come while the mail thread pauses, or sends already.
         late = self.add("late", "", "", self.answers(
             lambda n, _: entries(20, 21, 22) if n == 1 else entries()).port, start=False)
@@ -154,6 +155,7 @@ class MailThread(StopTest):
         self.assertEqual(runs.mails().total(), 1)
         self.assertEqual((storm.out.count("-> Odeslan"), storm.daemon.err.text()),
                          (1000, "".join(line + "\n" for line in storm.daemon.err.texts() if "FastCGI" in line)))
+        self.assertGreater(self.took[hangs] * speed, plant.CLIENT_LIMIT)
         self.assertIn("Stop requested, mails not sent: 999", hangs.daemon.err.texts())
         self.assertEqual(hangs.client.runs(), 1)
         self.assertEqual(late.mails().total() + late.unsent("mail"), 3)

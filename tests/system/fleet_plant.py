@@ -178,6 +178,7 @@ class Member:
 
     def __init__(self, test, name, port, client_script, server_port, settings):
         self.name, self.folder, self.daemon = name, test.path(name), None
+        self.env = None  # the test's own
         self.modem_port = port if port is not None else os.path.join(self.folder, "modem")
         keys = {"smsc": sms_plant.CENTRE, "modemPort": self.modem_port, **settings}
         for file, content in (("settings.json", {"network": {"modem": keys}}), ("project/cas.json", CAS),
@@ -190,7 +191,7 @@ class Member:
         self.client = plant.FakeClient(os.path.join(self.folder, plant.CLIENT_PATH), client_script)
 
     def start(self, test):
-        self.daemon = plant.Daemon([plant.ALARMD], cwd=self.folder)
+        self.daemon = plant.Daemon([plant.ALARMD], cwd=self.folder, env=self.env)
         test.daemons.append(self.daemon)
         test.addCleanup(test._end_daemon, self.daemon)
         return self

@@ -2,6 +2,7 @@
 
 import os
 import re
+import signal
 import time
 import unittest
 
@@ -172,7 +173,7 @@ class IntoTheMailbox(plant.PlantTest):
 class TheClient(plant.PlantTest):
     """The mail client as the daemon runs it: its arguments, its input, and what becomes of one that fails."""
 
-    def start(self, *alarms, script="", client=True, **project):
+    def start(self, *alarms, script="", client=True, env=None, **project):
         """Starts the plant; the alarms are new at the daemon's first poll."""
         if client:
             self.fake_client(script)
@@ -180,7 +181,7 @@ class TheClient(plant.PlantTest):
         self.configure()
         self.project(**project)
         self.sim.coming(*alarms)
-        self.daemon = self.start_daemon()
+        self.daemon = self.start_daemon(env=env)
 
     def test_arguments_and_input_are_exact(self):
         self.start((12, "activated"))
@@ -248,16 +249,20 @@ class TheClient(plant.PlantTest):
             self.assertEqual(file.read(), "ran\nran\n")
 
     def test_a_hanging_client_does_not_hold_up_the_polls(self):
-        self.start((12, "activated"), script="exec sleep 1000\n")
+        self.start((12, "activated"), script="while [ ! -e %s ]; do sleep 0.2; done\n" % self.path("gate"))
+        self.addCleanup(self.write, "gate", "")  # a stop waits for the client
         self.client.wait_runs(1)
         self.sim.wait_polls(2)
         self.assertEqual(self.daemon.out.count("-> Odeslan"), 0)
 
     def test_a_hanging_client_is_ended_with_the_daemon(self):
-        self.start((12, "activated"), script="echo $$ >%s\nexec sleep 1000\n" % self.path("client.pid"))
+        env, speed = plant.fast_clock(10)
+        self.start(script="echo $$ >%s\nexec sleep 10000\n" % self.path("client.pid"), env=env)
+        self.sim.wait_polls(1)
+        self.sim.alarm(12, time=[int(time.time()) + plant.AHEAD, 0])
         plant.wait_for(lambda: os.path.exists(self.path("client.pid")), "the client")
-        status, _ = self.daemon.stop()
-        self.assertEqual(status, 0)
+        self.daemon.signal(signal.SIGTERM)
+        self.assertEqual(self.daemon.wait_exit(plant.CLIENT_LIMIT / speed + plant.PATIENCE), 0)
         with open(self.path("client.pid")) as file:
             pid = int(file.read())
         self.assertFalse(os.path.exists("/proc/%d" % pid) and "sleep" in open("/proc/%d/comm" % pid).read())

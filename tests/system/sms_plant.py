@@ -187,13 +187,12 @@ class SmsTest(plant.PlantTest):
         keys = {"smsc": CENTRE, **changes}
         self.write_settings({"network": {"modem": {key: value for key, value in keys.items() if value is not None}}})
 
-    def start_plant(self, users=None, cas=None, clock=False, **settings):
+    def start_plant(self, users=None, cas=None, clock=False, env=None, **settings):
         """Starts the daemon with the project and the modem settings."""
         self.settings(**settings)
         self.configure()
         self.project(groups=[], cas=cas or CAS, users=users or USERS)
-        env = self.fake_clock() if clock else None
-        self.daemon = self.start_daemon(env=env)
+        self.daemon = self.start_daemon(env=self.fake_clock() if clock else env)
         return self.daemon
 
     def fake_clock(self):

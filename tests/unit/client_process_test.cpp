@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <thread>
 
@@ -18,7 +19,10 @@ namespace {
 class ClientProcess : public testing::Test {
   protected:
     void SetUp() override { signal(SIGPIPE, SIG_IGN); }
-    void TearDown() override { konec = false; }
+    void TearDown() override {
+        konec = false;
+        client_stop_limit = 60;
+    }
 
     ClientResult runScript(const std::string& text, const std::string& input = "") {
         const std::string path = folder.script("client", text);
@@ -166,19 +170,37 @@ TEST_F(ClientProcess, ThatWorksIsNotCutShortByAStopRequest) {
     EXPECT_EQ(fileText(folder / "input"), "text");
 }
 
+TEST_F(ClientProcess, HasItsTimeFromTheStopRequestOnHoweverLongItHasRun) {
+    client_stop_limit = 2;
+    std::thread stopper([this] {
+        usleep(2200000);
+        konec = true;
+        usleep(300000);  // the request is seen
+        std::ofstream(folder / "gate");
+    });
+    const ClientResult result = runScript("while [ ! -e \"$DIR/gate\" ]; do sleep 0.01; done\nexit 9");
+    stopper.join();
+    expectResult(result, ClientResult::kExited, 9);
+}
+
 TEST_F(ClientProcess, ThatHangsIsEndedAfterAStopRequest) {
-    std::thread stopper([] {
+    client_stop_limit = 1;
+    std::chrono::steady_clock::time_point request;
+    std::thread stopper([&request] {
         usleep(200000);
+        request = std::chrono::steady_clock::now();
         konec = true;
     });
     const ClientResult result = runScript(
         "trap 'echo asked >\"$DIR/asked\"; exit 0' TERM\nwhile :; do sleep 0.1; done", largeInput());
     stopper.join();
+    EXPECT_GE(std::chrono::steady_clock::now() - request, std::chrono::seconds(1));
     EXPECT_EQ(result.kind, ClientResult::kStopped);
     EXPECT_EQ(fileText(folder / "asked"), "asked\n");
 }
 
 TEST_F(ClientProcess, ThatHangsAndRefusesToEndIsKilled) {
+    client_stop_limit = 1;
     konec = true;
     const ClientResult result = runScript("echo $$ >\"$DIR/pid\"\ntrap '' TERM\nexec sleep 600");
     EXPECT_EQ(result.kind, ClientResult::kStopped);
@@ -208,6 +230,7 @@ TEST_F(ClientProcess, IsFedAndWaitedForWithoutAProcessDescriptor) {
         if (read.kind != ClientResult::kExited || read.code != 5) _exit(1);
         const ClientResult late = runScript("exec <&-\nsleep 0.2\nkill -9 $$", input);
         if (late.kind != ClientResult::kSignalled || late.code != SIGKILL) _exit(2);
+        client_stop_limit = 1;
         konec = true;
         if (runScript("exec sleep 600", input).kind != ClientResult::kStopped) _exit(3);
         _exit(0);

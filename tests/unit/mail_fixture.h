@@ -14,6 +14,7 @@
 #include <string>
 
 #include "alarmd/alarmd.h"
+#include "alarmd/mail/client_process.h"
 
 inline std::string fileText(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -100,6 +101,7 @@ class MailWorld {
         msmtp_conf_file = "msmtp.conf";
         test_user.clear();
         use_msmtp = true;
+        client_stop_limit = 60;
         test_send = false;
         konec = false;
     }
