@@ -58,6 +58,16 @@ class Unit(plant.PlantTest):
         for line in ("Restart=always", "User=korvato", "SupplementaryGroups=dialout", "StartLimitIntervalSec=0"):
             self.assertIn(line, lines)
 
+    def test_a_stop_leaves_the_mail_client_alone_and_time_for_a_slow_relay(self):
+        keys = dict(line.split("=", 1) for line in open(UNIT).read().splitlines() if re.match(r"\w+=", line))
+        self.assertEqual(keys["KillMode"], "mixed")
+        self.assertNotIn("ExecStop", keys)
+        seconds = output("systemd-analyze", "timespan", keys["TimeoutStopSec"])
+        microseconds = int(re.search(r"[μu]s: (\d+)", seconds).group(1))
+        # A hundred mails, each of them a few seconds under way.
+        self.assertGreaterEqual(microseconds, 600 * 1000000)
+        self.assertLess(microseconds, 3600 * 1000000)
+
 
 class ManualPages(plant.PlantTest):
     def test_the_manual_names_every_option_and_key(self):
