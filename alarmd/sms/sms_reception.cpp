@@ -75,11 +75,12 @@ bool authorise(const std::string& number, int& userID) {
     return true;
 }
 
+// A project id ends at its first zero byte, as the alarm id does, which txt2vector gives without one.
 std::string acknowledgeRequest(const std::string& alarm_id, int userID) {
     std::string request = "t=11&prj=";
     {
         MutexLock lock(settings_mutex);
-        request += projectID;
+        request.append(projectID, 0, projectID.find('\0'));
     }
     request += "&id=" + alarm_id + "&userID=" + std::to_string(userID) + "&ackText=ACK_SMS";
     if (request.size() > kRequestLimit) request.resize(kRequestLimit);

@@ -133,7 +133,7 @@ bool endsText(char c) {
 
 std::string alarmSmsText(const _alarm_tag& alarm, const std::string& message) {
     const SmsForm form = smsForm(alarm);
-    std::string text = std::string(form.tag) + " " + message + form.suffix;
+    std::string text = std::string(form.tag) + " " + message.substr(0, message.find('\0')) + form.suffix;
     if (text.size() > kTextLimit) text.resize(kTextLimit);
     return text;
 }

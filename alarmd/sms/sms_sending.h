@@ -9,7 +9,7 @@
 #include "alarmd/alarmd.h"
 
 // The text of an alarm's SMS, 999 bytes at most. message: the alarm's message text in the recipient's
-// language. Any thread.
+// language, which ends at its first zero byte. Any thread.
 std::string alarmSmsText(const _alarm_tag& alarm, const std::string& message);
 
 // One drain of fronta_sms and then fronta_sms_raw. The limit smspeermin is looked at once a drain: one that

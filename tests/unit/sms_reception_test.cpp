@@ -131,6 +131,28 @@ TEST_F(SmsReceptionTest, AnAuthorisedAcknowledgeReachesTheServer) {
     EXPECT_NEAR(static_cast<double>(lastSms().timestamp), static_cast<double>(time(nullptr)), 5);
 }
 
+TEST_F(SmsReceptionTest, AProjectIdEndsAtItsZeroByteInTheRequest) {
+    addUser(7, "5", true);
+    setProject(std::string("4\0x", 3));
+    tcps.Init("127.0.0.1", server_.number());
+    readWith(reply("\"REC UNREAD\",\"5\",,\"t\"", "ACK:17"));
+    EXPECT_EQ(server_.take(), "t=11&prj=4&id=17&userID=7&ackText=ACK_SMS");
+}
+
+TEST_F(SmsReceptionTest, AnAlarmIdEndsAtItsZeroByteInTheRequest) {
+    setProject("4");
+    tcps.Init("127.0.0.1", server_.number());
+    execute_sms_command(std::string("ACK:17\0:2", 9), 7, "5");
+    EXPECT_EQ(server_.take(), "t=11&prj=4&id=17&userID=7&ackText=ACK_SMS");
+}
+
+TEST_F(SmsReceptionTest, ARequestIsCutAt999Bytes) {
+    setProject(std::string(1000, '4') + std::string("\0x", 2));
+    tcps.Init("127.0.0.1", server_.number());
+    execute_sms_command("ACK:17", 7, "5");
+    EXPECT_EQ(server_.take(), "t=11&prj=" + std::string(990, '4'));
+}
+
 TEST_F(SmsReceptionTest, WorksWithEchoOn) {
     addUser(7, "+420123456789", true);
     setProject("4");

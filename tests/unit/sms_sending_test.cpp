@@ -111,6 +111,20 @@ TEST_F(SmsSendingTest, AnActivationCarriesTheAcknowledgeHint) {
     EXPECT_EQ(sms_count, 1);
 }
 
+TEST(AlarmSmsText, AMessageEndsAtItsZeroByteAndTheHintFollows) {
+    EXPECT_EQ(alarmSmsText(alarmNow(17, kActivated), std::string("Pump\0 failure", 13)),
+              "(ACT) Pump /ack:17");
+    EXPECT_EQ(alarmSmsText(alarmNow(17, kActivated), std::string(1, '\0')), "(ACT)  /ack:17");
+    EXPECT_EQ(alarmSmsText(alarmNow(17, kDeactivated), std::string("\0x", 2)), "(DEA) ");
+}
+
+TEST(AlarmSmsText, IsCutAt999Bytes) {
+    const std::string message(1000, 'x');
+    EXPECT_EQ(alarmSmsText(alarmNow(17, kActivated), message), "(ACT) " + message.substr(0, 993));
+    EXPECT_EQ(alarmSmsText(alarmNow(17, kActivated), message.substr(0, 990)),
+              "(ACT) " + message.substr(0, 990) + " /a");
+}
+
 TEST_F(SmsSendingTest, TagAndLanguageFollowStateAndUser) {
     define(17, "Pump failure");
     join(0, 17, member("1", "cs"));
