@@ -28,7 +28,14 @@ struct IncomingSms {
     std::string from;
     std::string text;
     bool has_sender = false;
+    bool whole_sender = false;  // from is all that the network gave, not the part before a comma in it
 };
+
+// A sender may be a word that its network lets it choose, with commas and quotation marks.
+bool inQuotationMarks(const std::string& field) {
+    return field.size() >= 2 && field.front() == '"' && field.back() == '"' &&
+           std::count(field.begin(), field.end(), '"') == 2;
+}
 
 IncomingSms parseReply(const std::string& reply) {
     IncomingSms message;
@@ -41,6 +48,7 @@ IncomingSms parseReply(const std::string& reply) {
     // What stands in the sender's place of a broken reply may be of the text's making.
     if (header.size() <= 1 || !replyIsWhole()) return message;
     message.from = header[1];
+    message.whole_sender = inQuotationMarks(message.from);
     std::erase(message.from, '"');
     message.has_sender = true;
     PrintLine("\tFrom: ", message.from);
@@ -64,11 +72,12 @@ void clearMessageStore() {
     waitForReply(kClearReplySeconds);
 }
 
-// The first user with this number who may control by SMS.
-bool authorise(const std::string& number, int& userID) {
+// The first user with the sender's number who may control by SMS. A user without a number has no phone.
+bool authorise(const IncomingSms& message, int& userID) {
+    if (!message.whole_sender || message.from.empty()) return false;
     MutexLock lock(project_mutex);
     const auto found = std::find_if(user_list.begin(), user_list.end(), [&](const _user& candidate) {
-        return candidate.mobil == number && candidate.sms_control;
+        return candidate.mobil == message.from && candidate.sms_control;
     });
     if (found == user_list.end()) return false;
     userID = found->id;
@@ -126,7 +135,7 @@ int parsuj_sms() {
     if (!message.has_sender) return 0;
 
     int userID = 0;
-    if (!authorise(message.from, userID)) {
+    if (!authorise(message, userID)) {
         Print("UNAUTHORIZED USER !!!\n\n");
         return 0;
     }

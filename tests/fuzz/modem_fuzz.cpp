@@ -50,6 +50,7 @@ void readMessage() {
     if (fuzz::world.to_server.size() == requests) return;
     MUST(fuzz::world.to_server.size() == requests + 1);
     MUST(message.from == kAuthorised);
+    MUST(fuzz::count(fuzz::world.modem_answer, std::string(",\"") + kAuthorised + "\"") > 0);
 }
 
 // Whatever the text says, it is not another sender's.

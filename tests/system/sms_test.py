@@ -102,12 +102,12 @@ class Road(sms_plant.SmsTest):
 class Senders(sms_plant.SmsTest):
     """Who may acknowledge."""
 
-    def read(self, number, text, *wanted):
-        """A phone's message is read; the wanted lines are printed for it."""
+    def read(self, number, text, *wanted, shown=None):
+        """A phone's message is read; its number, or what is shown of it, and the wanted lines are printed for it."""
         self.phone(number, text)
         self.wait_pass()
-        self.assertIn("\tText: %s\r\n\tFrom: %s\n\tClearing all SMS..... \n%s\n\n" % (text, number, "\n".join(wanted)),
-                      self.sms_log())
+        self.assertIn("\tText: %s\r\n\tFrom: %s\n\tClearing all SMS..... \n%s\n\n" % (
+            text, number if shown is None else shown, "\n".join(wanted)), self.sms_log())
 
     def test_a_stranger_is_refused(self):
         self.start_all()
@@ -128,6 +128,14 @@ class Senders(sms_plant.SmsTest):
         self.start_all()
         self.read(JAN[4:], "ACK:12", "UNAUTHORIZED USER !!!", "")
         self.assertEqual(self.acks(), [])
+
+    def test_an_empty_sender_is_nobody_and_a_number_before_a_comma_is_no_sender(self):
+        self.start_all(users=sms_plant.USERS + [{**sms_plant.USERS[2], "id": 9, "tel": ""}])
+        self.read("", "ACK:12", "UNAUTHORIZED USER !!!", "")
+        self.read(JAN + ",A", "ACK:13", "UNAUTHORIZED USER !!!", "", shown=JAN)
+        self.assertEqual(self.acks(), [])
+        self.read(JAN, "ACK:14", "AUTHORIZED USER !!!", "", "Execute command: ACK:14", "Acknowledge alarm id: 14")
+        self.wait_acks(ACK_REQUEST % ("14", 1))
 
     def test_other_texts_are_ignored(self):
         self.start_all()

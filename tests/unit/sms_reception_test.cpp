@@ -172,6 +172,40 @@ TEST_F(SmsReceptionTest, AStrangerIsRefusedAndRemembered) {
     EXPECT_EQ(lastSms().text, "ACK:17");
 }
 
+TEST_F(SmsReceptionTest, AnEmptySenderIsNobody) {
+    addUser(7, "", true);
+    tcps.Init("127.0.0.1", server_.number());
+    const std::string log = readWith(reply("\"REC UNREAD\",\"\",,\"t\"", "ACK:17"));
+    EXPECT_NE(log.find("\tFrom: \n\tClearing all SMS..... \nUNAUTHORIZED USER !!!\n\n"), std::string::npos);
+    EXPECT_EQ(server_.take(), "");
+    EXPECT_EQ(lastSms().from, "");
+    EXPECT_EQ(lastSms().text, "ACK:17");
+}
+
+TEST_F(SmsReceptionTest, ASenderNotInQuotationMarksFromEndToEndIsShownAndNeverAuthorised) {
+    addUser(7, "+37251234", true);
+    tcps.Init("127.0.0.1", server_.number());
+    const std::pair<const char*, const char*> senders[] = {
+        {"\"+37251234,A\"", "+37251234"},   {"\"A,+37251234\"", "A"},
+        {"+37251234", "+37251234"},         {"\"+37251234", "+37251234"},
+        {"+37251234\"", "+37251234"},       {"\"+3725\"1234\"", "+37251234"},
+        {"\"\"+37251234\"\"", "+37251234"}, {"\"+37251234\"\"", "+37251234"},
+        {"\"\"+37251234\"", "+37251234"},   {"+3725\"\"1234", "+37251234"},
+        {"\"+37251234\" ", "+37251234 "},   {"\"", ""},
+    };
+    for (const auto& [field, shown] : senders) {
+        SCOPED_TRACE(field);
+        const std::string log = readWith(reply(std::string("\"REC UNREAD\",") + field + ",,\"t\"", "ACK:17"));
+        EXPECT_NE(log.find(std::string("\tFrom: ") + shown +
+                           "\n\tClearing all SMS..... \nUNAUTHORIZED USER !!!\n\n"),
+                  std::string::npos)
+            << log;
+        EXPECT_EQ(lastSms().from, shown);
+        EXPECT_EQ(lastSms().text, "ACK:17");
+    }
+    EXPECT_EQ(server_.take(), "");
+}
+
 TEST_F(SmsReceptionTest, AUserWithoutControlDoesNotEndTheSearch) {
     addUser(1, "5", false);
     addUser(2, "5", true);
