@@ -108,17 +108,28 @@ void handleRaw(const _sms_raw& message, int queued) {
     ++sms_count;
 }
 
-// A stopping daemon writes nothing to the modem any more, so going on would only wait for answers that cannot
-// come.
-void drainQueues() {
+// False when there is none.
+bool sendNextAlarm() {
     _alarm_tag alarm;
-    while (!konec && fronta_sms.take(alarm)) {
-        if (!handleAlarm(alarm)) ++alarms_cut_off;
-    }
+    if (!fronta_sms.take(alarm)) return false;
+    if (!handleAlarm(alarm)) ++alarms_cut_off;
+    return true;
+}
+
+bool sendNextRaw() {
+    const int queued = fronta_sms_raw.size();
     _sms_raw message;
-    int queued;
-    while (!konec && (queued = fronta_sms_raw.size()) > 0 && fronta_sms_raw.take(message)) {
-        handleRaw(message, queued);
+    if (!fronta_sms_raw.take(message)) return false;
+    handleRaw(message, queued);
+    return true;
+}
+
+// Raw messages may be asked for as fast as they are sent: those that come during the drain wait for the next
+// one, since readings and the limit come between two drains. A stopping daemon writes nothing to the modem
+// any more, so going on would only wait for answers that cannot come.
+void drainQueues() {
+    int raw_left = fronta_sms_raw.size();
+    while (!konec && (sendNextAlarm() || (raw_left-- > 0 && sendNextRaw()))) {
     }
 }
 

@@ -12,8 +12,9 @@
 // language, which ends at its first zero byte. Any thread.
 std::string alarmSmsText(const _alarm_tag& alarm, const std::string& message);
 
-// One drain of fronta_sms and then fronta_sms_raw. The limit smspeermin is looked at once a drain: one that
-// begins under it sends all that is queued. Ends early when konec is set.
+// One drain of fronta_sms and fronta_sms_raw: each alarm that is queued by then goes before the next raw
+// message, and of these only as many go as were queued when the drain began. The limit smspeermin is looked
+// at once a drain: one that begins under it sends all of them. Ends early when konec is set.
 void zpracuj_sms();
 
 // How many alarms and free texts are not sent, or not to everybody. Of use when the SMS thread has ended.

@@ -2,9 +2,11 @@
 
 import json
 import os
+import threading
 import time
 
 import plant
+import requests_plant
 import sms_plant
 from sms_plant import EVE, GRETA, JAN, STRANGER, SEND_FAIL, SEND_OK, sent_as
 
@@ -386,6 +388,29 @@ class Limit(sms_plant.SmsTest):
         self.assertEqual(len(self.modem.sms()), 2)
         self.set_clock(61)
         self.wait_sms((EVE, "(ACT) Message 14 /ack:14"))
+
+
+class Inflow(sms_plant.SmsTest):
+    def ask_for_messages(self):
+        """One message a second, without an end."""
+        while not self.asked_enough.wait(1):
+            requests_plant.ask(requests_plant.request(50, number=STRANGER, text="Hello"))
+
+    def test_messages_asked_for_without_end_hold_up_no_alarm_no_reading_and_no_limit(self):
+        self.start_all(smspeermin=3)
+        for _ in range(6):
+            requests_plant.ask(requests_plant.request(50, number=STRANGER, text="Hello"))
+        self.asked_enough = threading.Event()
+        asking = threading.Thread(target=self.ask_for_messages)
+        asking.start()
+        self.addCleanup(asking.join)
+        self.addCleanup(self.asked_enough.set)
+        self.wait_sms((STRANGER, "Hello"))
+        readings = self.daemon.out.count(sms_plant.READING)
+        self.sim.alarm(14)
+        self.wait_sms((EVE, "(ACT) Message 14 /ack:14"))
+        self.daemon.out.wait(sms_plant.READING, readings + 1)
+        self.daemon.out.wait(sms_plant.EXCEEDED)
 
 
 class Stale(sms_plant.SmsTest):

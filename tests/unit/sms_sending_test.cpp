@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <ctime>
+#include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "alarmd/project/alarm_definitions.h"
 #include "knihovny/generalfce.h"
@@ -214,6 +218,72 @@ TEST_F(SmsSendingTest, DisabledNotificationsAreToldAndCountedAndRawMessagesGo) {
     EXPECT_NE(log.find("Notification DISABLED !!!!\n"), std::string::npos);
     EXPECT_NE(log.find("Zpracovavam sms queue SMS RAW 1\n"), std::string::npos);
     EXPECT_EQ(line.received(), onTheLine("9", "raw"));
+}
+
+// A modem that says OK to each message, behind what else happens while it is being sent.
+class BusyModem {
+  public:
+    explicit BusyModem(std::function<void(int message)> meanwhile)
+        : line_(PtyModem::Script{{"\"\r", "\r\n> "}, {std::string(10, '\0'), "\r\nOK\r\n"}}),
+          meanwhile_(std::move(meanwhile)) {
+        EXPECT_TRUE(connectModem(line_.device()));
+        thread_ = std::thread([this] { run(); });
+    }
+    ~BusyModem() {
+        stop_ = true;
+        thread_.join();
+    }
+
+    std::string received() { return line_.received(); }
+
+  private:
+    void run() {
+        for (int message = 1; !stop_; MySleep(0, 5000000)) {
+            const std::string all = line_.received();
+            if (std::count(all.begin(), all.end(), '"') >= 2 * message) meanwhile_(message++);
+        }
+    }
+
+    PtyModem line_;
+    const std::function<void(int)> meanwhile_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+TEST_F(SmsSendingTest, AnAlarmThatComesGoesBeforeTheRestOfTheRawMessages) {
+    define(17, "Pump failure");
+    join(2, 17, member("1"));
+    for (const char* number : {"7", "8"}) fronta_sms_raw.push({number, "raw", "127.0.0.1", -1});
+    BusyModem modem([](int message) {
+        if (message == 1 || message == 3) fronta_sms.push(alarmNow(17, kDeactivated));
+    });
+    CaptureStdout();
+    zpracuj_sms();
+    const std::string log = GetCapturedStdout();
+    const std::string alarm = onTheLine("1", "(DEA) Pump failure");
+    EXPECT_EQ(modem.received(), onTheLine("7", "raw") + alarm + onTheLine("8", "raw") + alarm);
+    const size_t first = log.find("Zpracovavam sms queue SMS RAW 2\n");
+    EXPECT_NE(first, std::string::npos);
+    EXPECT_NE(log.find("Zpracovavam sms queue SMS RAW 1\n", first), std::string::npos);
+}
+
+TEST_F(SmsSendingTest, ADrainSendsTheRawMessagesThatWereQueuedAtItsBegin) {
+    define(17, "Pump failure");
+    join(2, 17, member("1"));
+    fronta_sms.push(alarmNow(17, kDeactivated));
+    fronta_sms_raw.push({"7", "raw", "127.0.0.1", -1});
+    BusyModem modem([](int message) {
+        if (message <= 2) fronta_sms_raw.push({"8", "raw", "127.0.0.1", -1});
+    });
+    CaptureStdout();
+    zpracuj_sms();
+    const std::string log = GetCapturedStdout();
+    EXPECT_EQ(modem.received(), onTheLine("1", "(DEA) Pump failure") + onTheLine("7", "raw"));
+    EXPECT_NE(log.find("Zpracovavam sms queue SMS RAW 2\n"), std::string::npos);
+    EXPECT_EQ(fronta_sms_raw.size(), 2);
+    EXPECT_EQ(sms_count, 2);
+    zpracuj_sms();
+    EXPECT_EQ(sms_count, 4);
 }
 
 // A drain in which a stop is asked for while the first message waits for the modem.
