@@ -295,29 +295,38 @@ void ComControl::sendInTurn(const char* data, int length, const Write& write) {
     sem_post(&sendLock);
 }
 
-void ComControl::SendBinary(const char* data, int length) {
-    sendInTurn(data, length, [=, this] {
+int ComControl::SendBinary(const char* data, int length) {
+    unsigned long taken = 0;
+    sendInTurn(data, length, [=, this, &taken] {
         const std::shared_ptr<Descriptor> device = port();
         const auto bytes = static_cast<unsigned long>(std::max(length, 0));
-        SockWriteTimeout(device ? device->get() : kClosed, data, bytes, kSendSeconds, 0);
+        SockWriteTimeout(device ? device->get() : kClosed, data, bytes, kSendSeconds, 0, &taken);
     });
+    return static_cast<int>(taken);
 }
 
-void ComControl::Send(const char* text) {
-    SendBinary(text, static_cast<int>(strlen(text)));
+int ComControl::Send(const char* text) {
+    return SendBinary(text, static_cast<int>(strlen(text)));
 }
 
-void ComControl::Send(const std::string& text) {
-    SendBinary(text.data(), static_cast<int>(text.size()));
+int ComControl::Send(const std::string& text) {
+    return SendBinary(text.data(), static_cast<int>(text.size()));
+}
+
+bool ComControl::TrySendByte(char byte) {
+    bool taken = false;
+    sendInTurn(&byte, 1, [&] { taken = writeByte(&byte); });
+    return taken;
+}
+
+bool ComControl::writeByte(const char* byte) const {
+    const std::shared_ptr<Descriptor> device = port();
+    return write(device ? device->get() : kClosed, byte, 1) == 1;
 }
 
 void ComControl::SendByte(const char* byte) {
-    const auto sent = [=, this] {
-        const std::shared_ptr<Descriptor> device = port();
-        return write(device ? device->get() : kClosed, byte, 1) == 1;
-    };
     sendInTurn(byte, 1, [&] {
-        while (!sent()) MySleep(1, 0);
+        while (!writeByte(byte)) MySleep(1, 0);
     });
 }
 

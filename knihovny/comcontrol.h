@@ -60,10 +60,15 @@ class ComControl : public Thread3 {
     void StopReading();
 
     // Send the bytes, waiting for other senders; at most 3 seconds for the device to take them. What is not
-    // taken is dropped after a line in the log. With the stop flag set they return at once.
-    void Send(const char* text);
-    void Send(const std::string& text);
-    void SendBinary(const char* data, int length);
+    // taken is dropped, with a line in the log when the device fails. With the stop flag set they return at
+    // once. Return how many bytes the device took, be it late.
+    int Send(const char* text);
+    int Send(const std::string& text);
+    int SendBinary(const char* data, int length);
+
+    // Offers one byte to the device, waiting for other senders only. Returns whether it was taken; when it
+    // was not, nothing is logged.
+    bool TrySendByte(char byte);
 
     // Sends one byte, trying every second until the device takes it: without any bound.
     void SendByte(const char* byte);
@@ -106,6 +111,7 @@ class ComControl : public Thread3 {
     void readUntilStopped(int descriptor);
     void deliver(int length, char* data);
     std::shared_ptr<Descriptor> port() const EXCLUDES(mutex_);
+    bool writeByte(const char* byte) const EXCLUDES(mutex_);
     template <class Write>
     void sendInTurn(const char* data, int length, const Write& write);
 

@@ -72,14 +72,18 @@ int SockRead3(int fd, char* buffer, unsigned long length, ErrorRepeats* repeats)
     return count == 0 ? kSockPeerClosed : static_cast<int>(count);
 }
 
-int SockWriteTimeout(int fd, const char* data, unsigned long length, int seconds, int microseconds) {
+int SockWriteTimeout(int fd, const char* data, unsigned long length, int seconds, int microseconds,
+                     unsigned long* taken) {
     timeval limit{seconds, microseconds};
     timeval start = MonotonicTime();
-    unsigned long written = 0;
+    unsigned long counter = 0;
+    unsigned long& written = taken != nullptr ? *taken : counter;
+    written = 0;
     while (written < length) {
         const ssize_t count = write(fd, data + written, length - written);
         const int error = errno;
         const bool retry = count < 0 && isTemporary(error);
+        if (count > 0) written += static_cast<unsigned long>(count);
         if (retry) MySleep(0, kPauseNanoseconds);
         timeval now = MonotonicTime();
         timeval elapsed{};
@@ -92,7 +96,6 @@ int SockWriteTimeout(int fd, const char* data, unsigned long length, int seconds
             errno = error;
             return static_cast<int>(count);
         }
-        written += static_cast<unsigned long>(count);
     }
     return static_cast<int>(length);
 }

@@ -23,5 +23,6 @@ int SockRead3(int fd, char* buffer, unsigned long length, ErrorRepeats* repeats 
 // Writes length bytes (at most INT_MAX), trying again every millisecond while the descriptor takes nothing.
 // Returns length, or -2 when the time limit had passed after a write, be it the one that completed the
 // transfer, or the result of the write that failed (-1, or 0 when it wrote nothing). Length 0 gives 0 without
-// a write.
-int SockWriteTimeout(int fd, const char* data, unsigned long length, int seconds, int microseconds);
+// a write. With taken, stores there how many bytes the descriptor took, whatever the result.
+int SockWriteTimeout(int fd, const char* data, unsigned long length, int seconds, int microseconds,
+                     unsigned long* taken = nullptr);

@@ -291,7 +291,7 @@ time_t clockTime(time_t* result) IN_PLACE_OF("time");
 void clockSleep(long seconds, long nanoseconds) IN_PLACE_OF("_Z7MySleepll");
 [[noreturn]] void processEnd(std::string_view line)
     IN_PLACE_OF("_Z5fatalSt17basic_string_viewIcSt11char_traitsIcEE");
-void lineToModem(ComControl* channel, const char* data, int length)
+int lineToModem(ComControl* channel, const char* data, int length)
     IN_PLACE_OF("_ZN10ComControl10SendBinaryEPKci");
 int lineToServer(TcpClient2* client, const char* data, int length)
     IN_PLACE_OF("_ZN10TcpClient210SendBinaryEPKci");
@@ -325,9 +325,10 @@ void processEnd(std::string_view line) {
     throw ProcessEnd{std::string(line)};
 }
 
-void lineToModem(ComControl* /*channel*/, const char* data, int length) {
+int lineToModem(ComControl* /*channel*/, const char* data, int length) {
     world.to_modem.emplace_back(data, static_cast<size_t>(length));
     world.modem_has_command = true;
+    return length;
 }
 
 int lineToServer(TcpClient2* /*client*/, const char* data, int length) {

@@ -632,10 +632,10 @@ TEST_F(ComControlTest, SendsTextsStringsAndBytes) {
     Channel channel;
     connect(channel);
     char text[] = "AT\r";
-    channel.Send(text);
-    channel.Send("AT+CMGF=1\r");
-    channel.Send(std::string("a\0b", 3));
-    channel.SendBinary("\x1a\0\xff", 3);
+    EXPECT_EQ(channel.Send(text), 3);
+    EXPECT_EQ(channel.Send("AT+CMGF=1\r"), 10);
+    EXPECT_EQ(channel.Send(std::string("a\0b", 3)), 3);
+    EXPECT_EQ(channel.SendBinary("\x1a\0\xff", 3), 3);
     channel.SendByte("Z");
     EXPECT_EQ(readAtDevice(20), std::string("AT\rAT+CMGF=1\ra\0b\x1a\0\xffZ", 20));
 }
@@ -645,7 +645,9 @@ TEST_F(ComControlTest, HooksSurroundEachWrite) {
     connect(channel);
     channel.Send("one");
     channel.SendByte("2");
-    EXPECT_EQ(channel.calls(), (Calls{"before one", "after", "after one", "before 2", "after", "after 2"}));
+    channel.TrySendByte('3');
+    EXPECT_EQ(channel.calls(), (Calls{"before one", "after", "after one", "before 2", "after", "after 2",
+                                      "before 3", "after", "after 3"}));
 }
 
 TEST_F(ComControlTest, SendersTakeTurns) {
@@ -673,9 +675,10 @@ TEST_F(ComControlTest, ASendAfterTheStopFlagWritesNothingAndDoesNotWait) {
     std::thread sender([&] { channel.Send("first"); });
     while (!channel.send_held) usleep(1000);
     stop = true;
-    channel.Send("second");
-    channel.Send(std::string("third"));
+    EXPECT_EQ(channel.Send("second"), 0);
+    EXPECT_EQ(channel.Send(std::string("third")), 0);
     channel.SendByte("4");
+    EXPECT_FALSE(channel.TrySendByte('5'));
     channel.hold_send = false;
     sender.join();
     EXPECT_EQ(channel.calls().size(), 3U);
@@ -686,11 +689,12 @@ TEST_F(ComControlTest, AFullDeviceBlocksASendForThreeSeconds) {
     Channel channel;
     connect(channel);
     const std::string much(200000, 'x');
-    channel.Send(much);
+    const int taken = channel.Send(much);
     EXPECT_EQ(channel.calls().size(), 3U);
     std::string text = readAtDevice(1);
     while (deviceHasSomething()) text += readAtDevice(1);
     EXPECT_LT(text.size(), much.size());
+    EXPECT_EQ(text.size(), static_cast<size_t>(taken));
     channel.Send("afterwards");
     EXPECT_EQ(readAtDevice(10), "afterwards");
     EXPECT_EQ(output(), "Seriovy port otevren\n");
@@ -710,6 +714,20 @@ TEST_F(ComControlTest, SendByteTriesUntilTheDeviceTakesTheByte) {
         last = text.substr(text.size() - 1);
     }
     sender.join();
+}
+
+TEST_F(ComControlTest, AByteThatTheDeviceDoesNotTakeIsToldToTheCallerAlone) {
+    Channel channel;
+    EXPECT_FALSE(channel.TrySendByte('a'));
+    connect(channel);
+    EXPECT_TRUE(channel.TrySendByte('Z'));
+    EXPECT_EQ(readAtDevice(1), "Z");
+    fillPort();
+    EXPECT_FALSE(channel.TrySendByte('b'));
+    unplug();
+    EXPECT_FALSE(channel.TrySendByte('c'));
+    channel.Disconnect();
+    EXPECT_EQ(output(), "Seriovy port otevren\n");
 }
 
 TEST_F(ComControlTest, ASendOnAClosedChannelTouchesNoOtherFile) {
@@ -733,7 +751,7 @@ TEST_F(ComControlTest, AWriteToAnUnpluggedDeviceIsTold) {
     Channel channel;
     connect(channel);
     unplug();
-    channel.Send("AT\r");
+    EXPECT_EQ(channel.Send("AT\r"), 0);
     channel.Disconnect();
     EXPECT_EQ(output(), "Seriovy port otevren\n" + errorLine("SockWriteTimeout EIO", pthread_self()));
 }

@@ -176,6 +176,31 @@ TEST_F(SockWrite, ATransferThatEndsAfterTheLimitTimesOut) {
     EXPECT_EQ(read(peer(), buffer_, sizeof buffer_), 3);
 }
 
+TEST_F(SockWrite, TellsHowManyBytesWereTaken) {
+    const std::string text(3000000, 'x');
+    unsigned long taken = 99;
+    EXPECT_EQ(SockWriteTimeout(own(), "abc", 0, 3, 0, &taken), 0);
+    EXPECT_EQ(taken, 0U);
+    EXPECT_EQ(SockWriteTimeout(own(), "abc", 3, 3, 0, &taken), 3);
+    EXPECT_EQ(taken, 3U);
+    // Taken whole, but late.
+    EXPECT_EQ(SockWriteTimeout(own(), "abcd", 4, 0, -1, &taken), -2);
+    EXPECT_EQ(taken, 4U);
+    EXPECT_EQ(SockWriteTimeout(own(), text.data(), text.size(), 0, 20000, &taken), -2);
+    const unsigned long part = taken;
+    EXPECT_GT(part, 0U);
+    EXPECT_LT(part, text.size());
+    EXPECT_EQ(SockWriteTimeout(own(), text.data(), text.size(), 0, 20000, &taken), -2);
+    EXPECT_EQ(taken, 0U);
+    unsigned long received = 0;
+    for (ssize_t count; (count = read(peer(), buffer_, sizeof buffer_)) > 0;) {
+        received += static_cast<unsigned long>(count);
+    }
+    EXPECT_EQ(received, 3 + 4 + part);
+    EXPECT_EQ(SockWriteTimeout(kClosed, "abc", 3, 3, 0, &taken), -1);
+    EXPECT_EQ(taken, 0U);
+}
+
 TEST_F(SockWrite, TellsThatThePeerIsGone) {
     closePeer();
     CaptureStdout();
