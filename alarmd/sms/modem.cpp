@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
@@ -41,6 +42,29 @@ bool complete_overwritten GUARDED_BY(reply_mutex) = false;
 
 // The CR LF that closes an OK belongs to that reply: it is not stored over the reply's start.
 bool closing_line_end GUARDED_BY(reply_mutex) = false;
+
+// The line that is coming in, from its begin as far as it takes to know what it is; then full.
+char line[sizeof "+CMS ERROR:"] GUARDED_BY(reply_mutex);
+size_t line_length GUARDED_BY(reply_mutex) = 0;
+
+PromptAnswer prompt_answer GUARDED_BY(reply_mutex) = PromptAnswer::kNone;
+
+bool lineIs(std::string_view text) REQUIRES(reply_mutex) {
+    return text == std::string_view(line, line_length);
+}
+
+// An "ER" anywhere, as it ends a reply, will not do here: an echo or an unasked line may have one, and a text
+// that is kept back for it would leave the modem waiting.
+void watchLine(char c) REQUIRES(reply_mutex) {
+    if (c == '\r' || c == '\n') {
+        if (lineIs("ERROR")) prompt_answer = PromptAnswer::kError;
+        line_length = 0;
+    } else if (line_length < sizeof line) {
+        line[line_length++] = c;
+        if (lineIs("> ")) prompt_answer = PromptAnswer::kPrompt;
+        if (lineIs("+CMS ERROR:") || lineIs("+CME ERROR:")) prompt_answer = PromptAnswer::kError;
+    }
+}
 
 bool endsWith(char first, char second) REQUIRES(reply_mutex) {
     return pocetpz >= 2 && rcv_msg[pocetpz - 2] == first && rcv_msg[pocetpz - 1] == second;
@@ -105,6 +129,7 @@ std::string modelName(const std::string& reply) {
 void modem::ZpracujByte(char* c) {
     {
         MutexLock lock(reply_mutex);
+        watchLine(*c);
         if (closing_line_end) {
             if (*c == '\r') return;
             closing_line_end = false;
@@ -152,6 +177,17 @@ std::string replyText() {
 bool replyIsWhole() {
     MutexLock lock(reply_mutex);
     return !complete_overwritten;
+}
+
+void awaitPrompt() {
+    MutexLock lock(reply_mutex);
+    if (line_length > 0) line_length = sizeof line;
+    prompt_answer = PromptAnswer::kNone;
+}
+
+PromptAnswer promptAnswer() {
+    MutexLock lock(reply_mutex);
+    return prompt_answer;
 }
 
 void waitForReply(int seconds) {

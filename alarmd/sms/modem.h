@@ -1,5 +1,5 @@
 // The GSM/LTE modem on its AT command port: replies, initialisation, identification (3GPP TS 27.007,
-// TS 27.005).
+// TS 27.005; result codes of ITU-T V.250).
 #pragma once
 
 #include <atomic>
@@ -55,6 +55,18 @@ std::string replyText() EXCLUDES(reply_mutex);
 // False when a part of that reply was overwritten before its OK (behind an ER, or beyond kReplyLimit). It
 // then begins wherever a text had its ER, and a header line behind that would pass for the message's own.
 bool replyIsWhole() EXCLUDES(reply_mutex);
+
+// What the modem made of the command line that begins a message: its last word since the line was sent.
+enum class PromptAnswer {
+    kNone,    // neither of these
+    kPrompt,  // a line that begins with "> ": it waits for the text
+    kError,   // a final result ERROR, +CMS ERROR or +CME ERROR, a line of its own: it waits for a command
+};
+
+// From here on what the modem says is an answer to the line that is sent next. What remains of a line that
+// has already begun is none.
+void awaitPrompt() EXCLUDES(reply_mutex);
+PromptAnswer promptAnswer() EXCLUDES(reply_mutex);
 
 // Waits, looking every 5 ms, until a reply ends in OK or more than the given seconds have passed since
 // `timeout` (whole seconds). SMS thread.

@@ -133,6 +133,10 @@ void drainQueues() {
     }
 }
 
+void printFailed() {
+    PrintLine(color_modem, "--------------:::::::: SMS SEND FAIL !!!! ::::::::------------", color_off);
+}
+
 bool endsNumber(char c) {
     return c == '"' || static_cast<unsigned char>(c) < ' ' || c == '\x7f';
 }
@@ -178,9 +182,15 @@ void sendSMS(std::string number, std::string text) {
     std::erase_if(text, endsText);
 
     const std::string command = "at+CMGS=\"" + number + "\"\r";
+    awaitPrompt();
     MyModem.SendBinary(command.data(), static_cast<int>(command.size()));
     MySleep(1, kPauseBetweenNanoseconds);
     MySleep(1, kPauseBetweenNanoseconds);
+    // A modem that waits for a command would execute the text.
+    if (promptAnswer() == PromptAnswer::kError) {
+        printFailed();
+        return;
+    }
 
     const std::string body = text + '\r' + kCtrlZ + std::string(kBytesBehindCtrlZ, '\0');
     rec_status = 0;
@@ -195,7 +205,5 @@ void sendSMS(std::string number, std::string text) {
     if (acknowledged) {
         PrintLine(color_modem, "--------------:::::::: SMS SEND OK !!!! ::::::::------------", color_off);
     }
-    if (rec_status == 0) {
-        PrintLine(color_modem, "--------------:::::::: SMS SEND FAIL !!!! ::::::::------------", color_off);
-    }
+    if (rec_status == 0) printFailed();
 }

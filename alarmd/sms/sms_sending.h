@@ -21,11 +21,13 @@ void zpracuj_sms();
 int unsentSms();
 
 // Sends one text message through the modem and prints the outcome: about 2 s for the prompt, then at most 5 s
-// for the OK. Characters that would end the number or the text early on the line (quotation marks and control
-// characters in the number, Ctrl-Z and ESC in the text) are left out.
+// for the OK. A number that the modem has answered with an error by then gets no text. Characters that would
+// end the number or the text early on the line (quotation marks and control characters in the number, Ctrl-Z
+// and ESC in the text) are left out.
 void sendSMS(std::string number, std::string text);
 
 extern int64_t time_sms_count;  // start of the present counting minute, seconds; 0 before the first drain
 extern int sms_count;           // messages counted in it
 
-extern std::atomic<int> sms_counter;  // messages handed to the modem since start; read by the request threads
+// Messages whose text was handed to the modem since start. Read by the request threads.
+extern std::atomic<int> sms_counter;

@@ -6,6 +6,11 @@
 //   U  the modem speaks unasked
 //   X  execution of a command text
 //   S  sending of an SMS with these bytes as number and text
+//   E  sending of an SMS whose number is answered by these bytes
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "alarmd/sms/modem.h"
 #include "alarmd/sms/sms_reception.h"
 #include "tests/fuzz/world.h"
@@ -70,6 +75,34 @@ void sendMessage(const std::string& bytes) {
     fuzz::sendWaitingSms();
 }
 
+// Whether the last word of these lines is an error.
+bool refuses(std::string said) {
+    std::replace(said.begin(), said.end(), '\n', '\r');
+    std::vector<std::string> lines = fuzz::parts(said, '\r');
+    const std::string unfinished = lines.back();
+    lines.pop_back();
+    bool refused = false;
+    const auto look = [&](const std::string& line) {
+        if (line.starts_with("> ")) refused = false;
+        if (line.starts_with("+CMS ERROR:") || line.starts_with("+CME ERROR:")) refused = true;
+    };
+    for (const std::string& line : lines) {
+        look(line);
+        if (line == "ERROR") refused = true;
+    }
+    look(unfinished);
+    return refused;
+}
+
+void sendToModemThatAnswers(const std::string& bytes) {
+    constexpr int kPort = -1;
+    fuzz::modemSays("\r\n");
+    fuzz::world.modem_answer = bytes;
+    fronta_sms_raw.push({"1", "AT+CMGD=0,4", "127.0.0.1", kPort});
+    fuzz::sendWaitingSms();
+    MUST(fuzz::world.to_modem.size() == (refuses(bytes) ? 1 : 2));
+}
+
 void step(char letter, const std::string& bytes) {
     fuzz::world.to_modem.clear();
     fuzz::world.modem_answer = bytes;
@@ -98,6 +131,9 @@ void step(char letter, const std::string& bytes) {
             break;
         case 'S':
             sendMessage(bytes);
+            break;
+        case 'E':
+            sendToModemThatAnswers(bytes);
             break;
         default:
             break;

@@ -173,16 +173,20 @@ void modemSays(std::string_view bytes) {
     }
 }
 
-// For each message the number, in one command line of its own, and then a text that nothing in it ends.
+// For each message the number, in one command line of its own, and then a text that nothing in it ends,
+// unless the modem may have refused the number.
 void sendWaitingSms() {
     const size_t before = world.to_modem.size();
+    const bool refuses = count(world.modem_answer, "ERROR") > 0;
     zpracuj_sms();
-    MUST((world.to_modem.size() - before) % 2 == 0);
-    for (size_t i = before; i < world.to_modem.size(); i += 2) {
+    for (size_t i = before; i < world.to_modem.size(); ++i) {
         const std::string& command = world.to_modem[i];
         MUST(command.starts_with("at+CMGS=\"") && command.ends_with("\"\r"));
         MUST(count(command, "\"") == 2 && count(command, "\r") == 1 && count(command, "\n") == 0);
-        const std::string& text = world.to_modem[i + 1];
+        if (refuses && (i + 1 == world.to_modem.size() || world.to_modem[i + 1].starts_with("at+CMGS=")))
+            continue;
+        MUST(++i < world.to_modem.size());
+        const std::string& text = world.to_modem[i];
         MUST(count(text, "\x1b") == 0 && count(text, "\x1a") == 1);
         MUST(text.ends_with(std::string("\r\x1a\0\0\0\0\0\0\0\0\0\0", 12)));
     }

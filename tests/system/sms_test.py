@@ -328,6 +328,19 @@ class Line(sms_plant.SmsTest):
         self.daemon.out.wait(SEND_OK)
         self.assertEqual(self.modem.sms(), [(EVE, "(ACT) Message 14 /ack:14"), (EVE, "(DEA) Message 14")])
 
+    def test_a_text_behind_a_refused_number_is_no_command(self):
+        self.start_all()
+        requests_plant.ask(requests_plant.request(50, number="nobody", text="x\rAT+CMGF=0\rx"))
+        failed = self.daemon.out.wait(SEND_FAIL)[0]
+        begun = self.daemon.out.wait(plant.starting("Sending ...."))[0]
+        self.assertGreaterEqual(failed - begun, 2.01 - sms_plant.LATE)
+        self.assertIn(b'at+CMGS="nobody"\r', self.modem.received())
+        self.assertNotIn(b"CMGF=0", self.modem.received())
+        self.assertIn(b'"SMSCOUNT":"0"', requests_plant.ask(requests_plant.request(51)))
+        self.sim.alarm(14)
+        self.wait_sms((EVE, "(ACT) Message 14 /ack:14"))
+        self.daemon.out.wait(SEND_OK)
+
     def test_the_echo_of_a_text_with_an_ok_counts_as_one(self):
         self.start_all(cas=[sms_plant.definition(14, [2], "Pump OK")])
         self.modem.command(network="refuses", count=1)

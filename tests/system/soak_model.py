@@ -127,6 +127,15 @@ def upper(text):
     return text.encode("utf-8", "surrogateescape").upper().decode("utf-8", "surrogateescape")
 
 
+def number_on_line(number):
+    return "".join(c for c in number if c != '"' and c >= " " and c != "\x7f")
+
+
+def is_good(called):
+    """The modem takes this number."""
+    return re.fullmatch(r"\+?[0-9*#]{1,19}", called) is not None
+
+
 def instant(seconds, microseconds):
     return float(seconds) + float(microseconds) / 1000000.0
 
@@ -256,10 +265,9 @@ class Model:
     def expect_sms(self, number, text):
         """This SMS is to be sent under what is the modem's and the network's state now."""
         on_line = "".join(c for c in text if c not in "\x1a\x1b")
-        called = "".join(c for c in number if c != '"' and c >= " " and c != "\x7f")
-        good = re.fullmatch(r"\+?[0-9*#]{1,19}", called) is not None
+        called = number_on_line(number)
         with self.lock:
-            if self.sms_mode == "mute" or not good:
+            if self.sms_mode == "mute" or not is_good(called):
                 told, arrives = False, None
             else:
                 told = arrives = self.sms_mode != "refused" and len(on_line.encode()) <= LONGEST_SMS
@@ -269,6 +277,8 @@ class Model:
 
     def sms_told(self, number, text, sent):
         self.counts["sms sent" if sent else "sms failed"] += 1
+        # A number that the modem refuses gets no text, so that message is not handed over.
+        self.counts["sms to good numbers"] += is_good(number_on_line(number))
         self.came(("told", number, text, sent))
 
     def sms_arrived(self, number, text, sent):

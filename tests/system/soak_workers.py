@@ -106,7 +106,7 @@ class FastCgi(Worker):
 
     def status(self):
         with self.model.lock:
-            least = self.model.counts["sms sent"] + self.model.counts["sms failed"]
+            least = self.model.counts["sms to good numbers"]
         answer = self.ask(request(51))
         found = re.search(rb'"SMSCOUNT":"(\d+)"', answer)
         count = int(found.group(1)) if found else -1

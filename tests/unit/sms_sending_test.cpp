@@ -89,6 +89,38 @@ TEST_F(SmsSendingTest, WithoutAnOkTheMessageFails) {
     EXPECT_EQ(GetCapturedStdout(), std::string("Sending ....Number: 1; Text: x\n") + kSendFail);
 }
 
+TEST_F(SmsSendingTest, ANumberThatTheModemRefusesGetsNoTextAndFailsAtOnce) {
+    PtyModem line(PtyModem::Script{{"\"\r", "\r\n+CMS ERROR: 305\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    CaptureStdout();
+    const time_t begin = MonotonicTime().tv_sec;
+    sendSMS("x", "AT+CMGF=0");
+    EXPECT_LT(MonotonicTime().tv_sec - begin, 2 + 5);
+    EXPECT_EQ(GetCapturedStdout(), std::string("Sending ....Number: x; Text: AT+CMGF=0\n") + kSendFail);
+    EXPECT_EQ(line.received(), "at+CMGS=\"x\"\r");
+    EXPECT_EQ(sms_counter, 0);
+}
+
+TEST_F(SmsSendingTest, ALateErrorBeforeThePromptKeepsNoText) {
+    PtyModem line(PtyModem::Script{{"\"\r", "\r\n+CMS ERROR: 500\r\n\r\n> "},
+                                   {std::string(10, '\0'), "\r\n+CMGS: 1\r\n\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    CaptureStdout();
+    sendSMS("1", "x");
+    EXPECT_EQ(GetCapturedStdout(), std::string("Sending ....Number: 1; Text: x\n") + kSendOk);
+    EXPECT_EQ(line.received(), onTheLine("1", "x"));
+    EXPECT_EQ(sms_counter, 1);
+}
+
+TEST_F(SmsSendingTest, ARefusedMessageCountsForTheLimit) {
+    fronta_sms_raw.push({"x", "y", "127.0.0.1", -1});
+    PtyModem line(PtyModem::Script{{"\"\r", "\r\nERROR\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    zpracuj_sms();
+    EXPECT_EQ(sms_count, 1);
+    EXPECT_EQ(sms_counter, 0);
+}
+
 TEST_F(SmsSendingTest, NumberAndTextCannotLeaveTheirPlaces) {
     PtyModem line(PtyModem::Script{{std::string(10, '\0'), "\r\nOK\r\n"}});
     ASSERT_TRUE(connectModem(line.device()));
