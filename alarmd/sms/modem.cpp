@@ -23,12 +23,15 @@ time_t readsmstime = 0;
 
 std::atomic<int> modemTyp{0};
 
+std::string owed_bytes;
+
 namespace {
 
 constexpr long kIdleNanoseconds = 100000;
 constexpr long kLookNanoseconds = 5000000;
 constexpr int kAcknowledgeLooks = 4;
 constexpr int kReadPauseSeconds = 5;
+constexpr char kEscape = '\x1b';
 
 // The reply as it stood when the first OK since clearReply came: what arrives behind it goes over the start
 // of rcv_msg, perhaps before the SMS thread has looked. A later OK changes nothing, or a message with an OK
@@ -48,6 +51,8 @@ char line[sizeof "+CMS ERROR:"] GUARDED_BY(reply_mutex);
 size_t line_length GUARDED_BY(reply_mutex) = 0;
 
 PromptAnswer prompt_answer GUARDED_BY(reply_mutex) = PromptAnswer::kNone;
+
+bool text_kept_back = false;  // SMS thread only
 
 bool lineIs(std::string_view text) REQUIRES(reply_mutex) {
     return text == std::string_view(line, line_length);
@@ -79,6 +84,12 @@ void completeReply() REQUIRES(reply_mutex) {
     closing_line_end = true;
     rec_status = 1;
     receive = 1;  // last: whoever sees it finds the reply
+}
+
+void noteLatePrompt() {
+    if (!text_kept_back || promptAnswer() != PromptAnswer::kPrompt) return;
+    text_kept_back = false;
+    owed_bytes += kEscape;
 }
 
 struct ModemModel {
@@ -180,6 +191,7 @@ bool replyIsWhole() {
 }
 
 void awaitPrompt() {
+    text_kept_back = false;
     MutexLock lock(reply_mutex);
     if (line_length > 0) line_length = sizeof line;
     prompt_answer = PromptAnswer::kNone;
@@ -188,6 +200,29 @@ void awaitPrompt() {
 PromptAnswer promptAnswer() {
     MutexLock lock(reply_mutex);
     return prompt_answer;
+}
+
+void keepTextBack() {
+    text_kept_back = true;
+}
+
+void payOwedBytes() {
+    const int taken = MyModem.SendBinary(owed_bytes.data(), static_cast<int>(owed_bytes.size()));
+    owed_bytes.erase(0, static_cast<size_t>(taken));
+}
+
+void offerOwedBytes() {
+    noteLatePrompt();
+    while (!owed_bytes.empty() && MyModem.TrySendByte(owed_bytes.front())) owed_bytes.erase(0, 1);
+}
+
+bool freeLine() {
+    noteLatePrompt();
+    if (owed_bytes.empty()) return true;
+    payOwedBytes();
+    if (!owed_bytes.empty()) return false;
+    MySleep(1, kLookNanoseconds);
+    return true;
 }
 
 void waitForReply(int seconds) {

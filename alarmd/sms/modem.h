@@ -64,9 +64,27 @@ enum class PromptAnswer {
 };
 
 // From here on what the modem says is an answer to the line that is sent next. What remains of a line that
-// has already begun is none.
+// has already begun is none. SMS thread.
 void awaitPrompt() EXCLUDES(reply_mutex);
 PromptAnswer promptAnswer() EXCLUDES(reply_mutex);
+
+// What ends a text or a command line that did not go out to its end. It goes out before anything else, which
+// the modem would take for the rest. Empty when all is well. SMS thread only.
+extern std::string owed_bytes;
+
+// No text follows the last awaitPrompt: should the prompt still come, ESC is owed. SMS thread.
+void keepTextBack();
+
+// Sends what is owed, as far as the line takes it within 3 s. A device that fails is told in the log. SMS
+// thread.
+void payOwedBytes();
+
+// The same, but without a wait and a line in the log. SMS thread.
+void offerOwedBytes() EXCLUDES(reply_mutex);
+
+// Pays what is owed, and if anything was, waits a second for the modem's answer to it. False when the line
+// does not take it: nothing else may be sent then. SMS thread.
+bool freeLine() EXCLUDES(reply_mutex);
 
 // Waits, looking every 5 ms, until a reply ends in OK or more than the given seconds have passed since
 // `timeout` (whole seconds). SMS thread.

@@ -107,6 +107,7 @@ void sendAcknowledge(const std::string& alarm_id, int userID) {
 
 void read_sms() {
     PrintLine("\t-->Thread sms: Cteni SMS");
+    const bool line_is_free = freeLine();
     clearReply();
     readsmstime = time(nullptr) + kReadPauseSeconds;
 
@@ -117,7 +118,7 @@ void read_sms() {
               "\n\tCtu SMS cislo: ", msg_cnt);
     timeout = time(nullptr);
     receive = 0;
-    MyModem.SendBinary(command.data(), static_cast<int>(command.size()));
+    if (line_is_free) MyModem.SendBinary(command.data(), static_cast<int>(command.size()));
     waitForReply(kReadReplySeconds);
     rewindReply();
     if (receive == 1) parsuj_sms();

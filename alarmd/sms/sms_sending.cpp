@@ -133,8 +133,48 @@ void drainQueues() {
     }
 }
 
+// The command line that asks for the prompt. False when it did not go out to its end: a text would become a
+// part of it, or a command. ESC spoils what the modem has of it, so that the number is not used cut short.
+bool orderMessage(const std::string& number) {
+    if (!freeLine()) return false;
+    const std::string command = "at+CMGS=\"" + number + "\"\r";
+    const int size = static_cast<int>(command.size());
+    awaitPrompt();
+    if (MyModem.SendBinary(command.data(), size) == size) return true;
+    owed_bytes = {kEscape, '\r'};
+    keepTextBack();
+    return false;
+}
+
+// Returns whether the modem has the text to its end.
+bool handOver(const std::string& text) {
+    const std::string body = text + '\r' + kCtrlZ;
+    const std::string bytes = body + std::string(kBytesBehindCtrlZ, '\0');
+    const int taken = MyModem.SendBinary(bytes.data(), static_cast<int>(bytes.size()));
+    if (taken < static_cast<int>(body.size())) {
+        owed_bytes = kEscape;
+        return false;
+    }
+    ++sms_counter;
+    return true;
+}
+
 void printFailed() {
     PrintLine(color_modem, "--------------:::::::: SMS SEND FAIL !!!! ::::::::------------", color_off);
+}
+
+// The modem may say OK to the ESC behind a text that was not handed over.
+void waitForOutcome(bool handed_over) {
+    bool acknowledged = false;
+    for (int look = 0; look < kOutcomeLooks && !acknowledged; ++look) {
+        offerOwedBytes();
+        acknowledged = handed_over && rec_status == 1;
+        if (!acknowledged) MySleep(1, 0);
+    }
+    if (acknowledged) {
+        PrintLine(color_modem, "--------------:::::::: SMS SEND OK !!!! ::::::::------------", color_off);
+    }
+    if (!handed_over || rec_status == 0) printFailed();
 }
 
 bool endsNumber(char c) {
@@ -181,29 +221,21 @@ void sendSMS(std::string number, std::string text) {
     std::erase_if(number, endsNumber);
     std::erase_if(text, endsText);
 
-    const std::string command = "at+CMGS=\"" + number + "\"\r";
-    awaitPrompt();
-    MyModem.SendBinary(command.data(), static_cast<int>(command.size()));
+    const bool ordered = orderMessage(number);
     MySleep(1, kPauseBetweenNanoseconds);
     MySleep(1, kPauseBetweenNanoseconds);
     // A modem that waits for a command would execute the text.
-    if (promptAnswer() == PromptAnswer::kError) {
+    if (ordered && promptAnswer() == PromptAnswer::kError) {
+        keepTextBack();
         printFailed();
         return;
     }
-
-    const std::string body = text + '\r' + kCtrlZ + std::string(kBytesBehindCtrlZ, '\0');
     rec_status = 0;
-    MyModem.SendBinary(body.data(), static_cast<int>(body.size()));
-    ++sms_counter;
-
-    bool acknowledged = false;
-    for (int look = 0; look < kOutcomeLooks && !acknowledged; ++look) {
-        acknowledged = rec_status == 1;
-        if (!acknowledged) MySleep(1, 0);
+    bool handed_over = false;
+    if (ordered) {
+        handed_over = handOver(text);
+    } else {
+        payOwedBytes();
     }
-    if (acknowledged) {
-        PrintLine(color_modem, "--------------:::::::: SMS SEND OK !!!! ::::::::------------", color_off);
-    }
-    if (rec_status == 0) printFailed();
+    waitForOutcome(handed_over);
 }

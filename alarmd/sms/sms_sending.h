@@ -21,9 +21,10 @@ void zpracuj_sms();
 int unsentSms();
 
 // Sends one text message through the modem and prints the outcome: about 2 s for the prompt, then at most 5 s
-// for the OK. A number that the modem has answered with an error by then gets no text. Characters that would
-// end the number or the text early on the line (quotation marks and control characters in the number, Ctrl-Z
-// and ESC in the text) are left out.
+// for the OK. No text goes out when the modem has answered the number with an error by then, or when the line
+// did not take all of the number within 3 s. A text that the line does not take in 3 s is followed by ESC, as
+// soon as it takes that. Characters that would end the number or the text early on the line (quotation marks
+// and control characters in the number, Ctrl-Z and ESC in the text) are left out.
 void sendSMS(std::string number, std::string text);
 
 extern int64_t time_sms_count;  // start of the present counting minute, seconds; 0 before the first drain

@@ -50,7 +50,8 @@ void readMessage() {
     MUST(message.text.find_first_of("\r\n") == std::string::npos);
     MUST(message.from.find('"') == std::string::npos);
     for (const std::string& command : fuzz::world.to_modem) {
-        MUST(command == "AT+CMGD=0,4\r" || command == "\tAT+CMGR=0\r" || command == "\tAT+CMGR=1\r");
+        MUST(command == "\x1b" || command == "AT+CMGD=0,4\r" || command == "\tAT+CMGR=0\r" ||
+             command == "\tAT+CMGR=1\r");
     }
     if (fuzz::world.to_server.size() == requests) return;
     MUST(fuzz::world.to_server.size() == requests + 1);
@@ -100,6 +101,7 @@ void sendToModemThatAnswers(const std::string& bytes) {
     fuzz::world.modem_answer = bytes;
     fronta_sms_raw.push({"1", "AT+CMGD=0,4", "127.0.0.1", kPort});
     fuzz::sendWaitingSms();
+    std::erase(fuzz::world.to_modem, "\x1b");
     MUST(fuzz::world.to_modem.size() == (refuses(bytes) ? 1 : 2));
 }
 

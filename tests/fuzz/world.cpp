@@ -79,6 +79,8 @@ void resetQueues() {
 void resetReceivers() {
     modemSays("\r\n");  // the line end that may still be awaited behind an OK
     clearReply();
+    awaitPrompt();
+    owed_bytes.clear();
     receive = rec_status = cekam = msg_cnt = linitstr = 0;
     timeout = readsmstime = 0;
     zprava.clear();
@@ -181,9 +183,11 @@ void sendWaitingSms() {
     zpracuj_sms();
     for (size_t i = before; i < world.to_modem.size(); ++i) {
         const std::string& command = world.to_modem[i];
+        if (command == "\x1b") continue;  // to a prompt that came behind a refusal
         MUST(command.starts_with("at+CMGS=\"") && command.ends_with("\"\r"));
         MUST(count(command, "\"") == 2 && count(command, "\r") == 1 && count(command, "\n") == 0);
-        if (refuses && (i + 1 == world.to_modem.size() || world.to_modem[i + 1].starts_with("at+CMGS=")))
+        if (refuses && (i + 1 == world.to_modem.size() || world.to_modem[i + 1] == "\x1b" ||
+                        world.to_modem[i + 1].starts_with("at+CMGS=")))
             continue;
         MUST(++i < world.to_modem.size());
         const std::string& text = world.to_modem[i];

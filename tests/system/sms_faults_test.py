@@ -5,6 +5,7 @@ import termios
 import time
 
 import plant
+import requests_plant
 import sms_plant
 from sms_plant import EVE, JAN, SEND_FAIL, SEND_OK, cmgr
 
@@ -205,6 +206,19 @@ class FullBuffer(FaultTest):
         self.modem.modem("deaf")
         self.sim.alarm(14)
         self.daemon.out.wait(SEND_FAIL, 3)
+        self.assert_goes_on_and_stops()
+
+    def test_a_text_that_falls_short_does_not_swallow_the_next_message(self):
+        self.start_initialised()
+        requests_plant.ask(requests_plant.request(50, number=JAN, text="x" * 200000))
+        self.modem.wait_received(b'at+CMGS="%s"\r' % JAN.encode())
+        self.modem.modem("deaf")
+        self.daemon.out.wait(SEND_FAIL)
+        self.assertIn(b'"SMSCOUNT":"0"', requests_plant.ask(requests_plant.request(51)))
+        self.modem.modem("normal")
+        self.modem.wait_received(b"xx\x1b")
+        self.assert_sms_work()
+        self.assertNotIn(JAN, [number for number, _ in self.modem.sms()])
         self.assert_goes_on_and_stops()
 
     def test_a_stop_while_a_send_waits(self):

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -63,6 +64,16 @@ class PtyModem {
         }
     }
 
+    // From here on the line is not read, and fills; or it is read again.
+    void setDeaf(bool deaf) { deaf_ = deaf; }
+
+    // How many bytes wait in the line.
+    int waiting() const {
+        int count = 0;
+        ioctl(master_, FIONREAD, &count);
+        return count;
+    }
+
     // Waits, at most 10 s, until the condition holds.
     static bool eventually(const std::function<bool()>& condition) {
         for (int look = 0; look < 2000; ++look) {
@@ -76,6 +87,10 @@ class PtyModem {
     void run() {
         while (!stop_) {
             pollfd event{master_, POLLIN, 0};
+            if (deaf_) {
+                usleep(1000);
+                continue;
+            }
             if (poll(&event, 1, 20) <= 0 || !(event.revents & POLLIN)) continue;
             char buffer[512];
             const ssize_t count = read(master_, buffer, sizeof buffer);
@@ -84,18 +99,15 @@ class PtyModem {
     }
 
     void take(char c) EXCLUDES(mutex_) {
-        std::string all;
+        std::string replies;
         {
             MutexLock lock(mutex_);
             received_ += c;
-            all = received_;
-        }
-        for (const auto& [command, reply] : script_) {
-            if (all.size() >= command.size() &&
-                all.compare(all.size() - command.size(), command.size(), command) == 0) {
-                say(reply);
+            for (const auto& [command, reply] : script_) {
+                if (received_.ends_with(command)) replies += reply;
             }
         }
+        say(replies);
     }
 
     Script script_;
@@ -104,6 +116,7 @@ class PtyModem {
     std::string device_;
     std::thread thread_;
     std::atomic<bool> stop_{false};
+    std::atomic<bool> deaf_{false};
     Mutex mutex_;
     std::string received_ GUARDED_BY(mutex_);
 };
@@ -124,6 +137,8 @@ inline void resetSmsState() {
     receive = 0;
     rec_status = 0;
     clearReply();
+    awaitPrompt();
+    owed_bytes.clear();
     fronta_sms.clear();
     fronta_sms_raw.clear();
     MutexLock lock(project_mutex);

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "alarmd/intake/server_line.h"
+#include "knihovny/descriptor.h"
 #include "pty_modem.h"
 
 namespace {
@@ -227,6 +228,30 @@ TEST_F(SmsReceptionTest, WithoutAnOkNothingIsParsed) {
     EXPECT_EQ(log, std::string(kReadLog) + "\n");
     EXPECT_EQ(received_, "\tAT+CMGR=0\r");
     EXPECT_GE(readsmstime, time(nullptr) + 2);
+}
+
+TEST_F(SmsReceptionTest, WhatIsOwedToTheModemGoesFirstAndItsOkIsNoReply) {
+    PtyModem line(PtyModem::Script{{"\x1b", "\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    owed_bytes = "\x1b";
+    CaptureStdout();
+    read_sms();
+    EXPECT_EQ(GetCapturedStdout(), std::string(kReadLog) + "\n");
+    EXPECT_EQ(line.received(), "\x1b\tAT+CMGR=0\r");
+    EXPECT_EQ(owed_bytes, "");
+}
+
+TEST_F(SmsReceptionTest, NothingIsReadBeforeTheLineTakesWhatIsOwed) {
+    PtyModem line;
+    ASSERT_TRUE(connectModem(line.device()));
+    const Descriptor port(open(line.device().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    tcflow(port.get(), TCOOFF);
+    owed_bytes = "\x1b";
+    read_sms();
+    EXPECT_EQ(owed_bytes, "\x1b");
+    tcflow(port.get(), TCOON);
+    read_sms();
+    EXPECT_TRUE(line.eventually([&] { return line.received() == "\x1b\tAT+CMGR=0\r"; })) << line.received();
 }
 
 TEST_F(SmsReceptionTest, OnlyTheFirstLineOfAMessageCounts) {

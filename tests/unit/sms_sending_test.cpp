@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "alarmd/project/alarm_definitions.h"
+#include "knihovny/descriptor.h"
 #include "knihovny/generalfce.h"
 #include "pty_modem.h"
 
@@ -21,6 +22,8 @@ using testing::internal::GetCapturedStdout;
 
 constexpr char kSendOk[] = "--------------:::::::: SMS SEND OK !!!! ::::::::------------\n";
 constexpr char kSendFail[] = "--------------:::::::: SMS SEND FAIL !!!! ::::::::------------\n";
+
+constexpr size_t kTooLong = 200000;  // bytes, more than a line holds that nobody reads
 
 // What goes over the line for one message.
 std::string onTheLine(const std::string& number, const std::string& text) {
@@ -119,6 +122,112 @@ TEST_F(SmsSendingTest, ARefusedMessageCountsForTheLimit) {
     zpracuj_sms();
     EXPECT_EQ(sms_count, 1);
     EXPECT_EQ(sms_counter, 0);
+}
+
+TEST_F(SmsSendingTest, APromptThatComesBehindARefusalIsAnsweredWithEsc) {
+    PtyModem line(
+        PtyModem::Script{{"\"1\"\r", "\r\n+CMS ERROR: 500\r\n"}, {std::string(10, '\0'), "\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    sendSMS("1", "x");
+    line.say("\r\n> ");
+    ASSERT_TRUE(line.eventually([] { return promptAnswer() == PromptAnswer::kPrompt; }));
+    sendSMS("2", "y");
+    EXPECT_EQ(line.received(), "at+CMGS=\"1\"\r\x1b" + onTheLine("2", "y"));
+}
+
+// The bytes of a message that is far longer than what the line holds: a part of it, and what follows.
+void expectCutOff(const std::string& received, const std::string& begin, const std::string& end) {
+    const size_t length = received.size() - std::min(received.size(), begin.size() + end.size());
+    EXPECT_GT(length, 0U);
+    EXPECT_LT(length, kTooLong);
+    // Not as a whole: a failure would print it.
+    EXPECT_TRUE(received == begin + std::string(length, '7') + end)
+        << received.substr(0, 50) << " ... " << received.substr(received.size() - 50);
+}
+
+// A line that takes the number of message 1 and a part of its text, and then nothing until it is released.
+class StuckLine {
+  public:
+    StuckLine()
+        : line_(PtyModem::Script{{"\x1b", "\r\nOK\r\n"}, {std::string(10, '\0'), "\r\nOK\r\n"}}),
+          port_(open(line_.device().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+        EXPECT_TRUE(connectModem(line_.device()));
+    }
+
+    void hold() {
+        EXPECT_TRUE(line_.eventually([this] { return received() == "at+CMGS=\"1\"\r"; }));
+        line_.setDeaf(true);
+        EXPECT_TRUE(line_.eventually([this] { return line_.waiting() > 0; }));
+        tcflow(port_.get(), TCOOFF);
+    }
+    void release() {
+        line_.setDeaf(false);
+        tcflow(port_.get(), TCOON);
+    }
+    std::string received() { return line_.received(); }
+
+  private:
+    PtyModem line_;
+    const Descriptor port_;
+};
+
+TEST_F(SmsSendingTest, ATextThatFallsShortIsTakenBackBeforeTheNextMessage) {
+    StuckLine line;
+    std::thread holding([&] { line.hold(); });
+    CaptureStdout();
+    sendSMS("1", std::string(kTooLong, '7'));
+    holding.join();
+    EXPECT_TRUE(GetCapturedStdout().ends_with(std::string("7\n") + kSendFail));
+    EXPECT_EQ(owed_bytes, "\x1b");
+    EXPECT_EQ(sms_counter, 0);
+    line.release();
+    CaptureStdout();
+    sendSMS("2", "y");
+    EXPECT_TRUE(GetCapturedStdout().ends_with(kSendOk));
+    expectCutOff(line.received(), "at+CMGS=\"1\"\r", "\x1b" + onTheLine("2", "y"));
+    EXPECT_EQ(sms_counter, 1);
+}
+
+TEST_F(SmsSendingTest, ATextThatFallsShortIsTakenBackWhenTheLineTakesBytesAgainAndTheOkIsNotItsOwn) {
+    StuckLine line;
+    std::thread holding([&] {
+        line.hold();
+        MySleep(5, 0);  // the text has 3 s, and the looks behind them 5 s
+        line.release();
+    });
+    CaptureStdout();
+    sendSMS("1", std::string(kTooLong, '7'));
+    holding.join();
+    EXPECT_TRUE(GetCapturedStdout().ends_with(std::string("7\n") + kSendFail));
+    EXPECT_EQ(owed_bytes, "");
+    expectCutOff(line.received(), "at+CMGS=\"1\"\r", "\x1b");
+}
+
+TEST_F(SmsSendingTest, ANumberThatFallsShortGetsNoTextAndIsSpoilt) {
+    PtyModem line(PtyModem::Script{{std::string(10, '\0'), "\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    line.setDeaf(true);
+    CaptureStdout();
+    sendSMS(std::string(kTooLong, '7'), "AT+CMGF=0");
+    EXPECT_TRUE(GetCapturedStdout().ends_with(std::string("; Text: AT+CMGF=0\n") + kSendFail));
+    EXPECT_EQ(sms_counter, 0);
+    line.setDeaf(false);
+    sendSMS("2", "y");
+    expectCutOff(line.received(), "at+CMGS=\"", "\x1b\r" + onTheLine("2", "y"));
+}
+
+TEST_F(SmsSendingTest, NothingIsSentBeforeTheLineTakesWhatIsOwed) {
+    PtyModem line(PtyModem::Script{{std::string(10, '\0'), "\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    const Descriptor port(open(line.device().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    tcflow(port.get(), TCOOFF);
+    owed_bytes = "\x1b";
+    CaptureStdout();
+    sendSMS("1", "x");
+    EXPECT_EQ(GetCapturedStdout(), std::string("Sending ....Number: 1; Text: x\n") + kSendFail);
+    tcflow(port.get(), TCOON);
+    sendSMS("2", "y");
+    EXPECT_EQ(line.received(), "\x1b" + onTheLine("2", "y"));
 }
 
 TEST_F(SmsSendingTest, NumberAndTextCannotLeaveTheirPlaces) {
