@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
@@ -57,12 +58,12 @@ TcpClient2::~TcpClient2() {
 }
 
 void TcpClient2::Init(const char* address, int server_port) {
-    server_address = address;
-    port = server_port;
+    Init(std::string(address), server_port);
 }
 
-void TcpClient2::Init(const std::string& address, int server_port) {
-    Init(address.c_str(), server_port);
+void TcpClient2::Init(std::string address, int server_port) {
+    server_address = std::move(address);
+    port = server_port;
 }
 
 void TcpClient2::SetConnectFailSleep(int /*seconds*/) {}
@@ -105,7 +106,7 @@ int TcpClient2::SendBinary(const char* data, int length) {
                             kSendSeconds, 0);
 }
 
-int TcpClient2::Send(const std::string& text) {
+int TcpClient2::Send(std::string text) {
     return SendBinary(text.data(), static_cast<int>(text.size()));
 }
 
@@ -275,9 +276,9 @@ void TcpClient2::ExecuteThread() {
 }
 
 void TcpClient2::ZpracujPacket(int /*length*/, const unsigned char* /*data*/) {}
-void TcpClient2::ZpracujPacket(const std::string& /*data*/) {}
+void TcpClient2::ZpracujPacket(std::string /*data*/) {}
 void TcpClient2::ZpracujByte(char* /*oneChar*/) {}
 void TcpClient2::ZpracujByte(unsigned char /*byte*/) {}
-void TcpClient2::AfterRead(int /*result*/, char* /*buffer*/) {}
 void TcpClient2::OnConnect() {}
+void TcpClient2::AfterRead(int /*result*/, char* /*buffer*/) {}
 void TcpClient2::OnDisconnect() {}

@@ -37,7 +37,7 @@ class TcpClient2 : public virtual Thread3 {
     // Set the server: a dotted IPv4 address and a port. Before that it is 127.0.0.1 port 502. REQUIRES: not
     // connected.
     void Init(const char* address, int server_port);
-    void Init(const std::string& address, int server_port);
+    void Init(std::string address, int server_port);
 
     // Accepts a pause after a failed connection and does nothing with it.
     void SetConnectFailSleep(int seconds);
@@ -52,7 +52,7 @@ class TcpClient2 : public virtual Thread3 {
     // because the client could not connect or is ending; -2 when the time ran out; -1 when a write failed
     // (told in the log).
     int SendBinary(const char* data, int length) EXCLUDES(connect_mutex_, send_mutex_, socket_mutex_);
-    int Send(const std::string& text);
+    int Send(std::string text);
 
     // Closes the connection and joins the reading thread. Returns whether it is still connected.
     bool Disconnect() EXCLUDES(connect_mutex_, socket_mutex_);
@@ -66,22 +66,24 @@ class TcpClient2 : public virtual Thread3 {
     bool IsConnected() const { return connected != 0; }
 
   protected:
-    // The hooks do nothing by themselves. These are called on the reading thread:
-    // each received block of up to 512 bytes, with a zero byte behind it, in both forms, then its bytes one
-    // by one,
+    // The virtual functions come in an order that stays; a new one goes behind the others.
+    void ExecuteThread() override;
+
+    // The hooks do nothing by themselves.
+    // Each received block of up to 512 bytes, with a zero byte behind it, in both forms, then its bytes one
+    // by one. On the reading thread.
     virtual void ZpracujPacket(int length, const unsigned char* data);
-    virtual void ZpracujPacket(const std::string& data);
+    virtual void ZpracujPacket(std::string data);
     virtual void ZpracujByte(char* oneChar);  // oneChar[1] is 0
     virtual void ZpracujByte(unsigned char byte);
-    // and what each read gave: a byte count, 0 nothing now, -1 failed, -3 closed by the server.
-    virtual void AfterRead(int result, char* buffer);
     // A connection was made. On the connecting thread, before the first byte is read.
     virtual void OnConnect();
+    // What each read gave: a byte count, 0 nothing now, -1 failed, -3 closed by the server. On the reading
+    // thread, before the block's other hooks.
+    virtual void AfterRead(int result, char* buffer);
     // A connection ended; nothing of it is delivered any more, and no new one is made until this returns. On
     // the reading thread or in Disconnect. Must not call the client's other functions.
     virtual void OnDisconnect();
-
-    void ExecuteThread() override;
 
     // One read of the reading thread: what was received, empty when nothing came. Ends the thread with the
     // connection.

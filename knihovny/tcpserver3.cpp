@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "knihovny/debugerror.h"
 #include "knihovny/error_repeats.h"
@@ -325,19 +326,19 @@ int TcpServer3::SendBinaryWithTextEnd(const char* text, int length) {
     return SendBinary(buffer.c_str(), std::min(length, static_cast<int>(buffer.size())) + 1);
 }
 
-int TcpServer3::SendBinary(const std::string& ip, int client_port, const char* data, int length) {
+int TcpServer3::SendBinary(std::string ip, int client_port, const char* data, int length) {
     return sendTo(receivers(ip, client_port), data, length);
 }
 
-int TcpServer3::Send(const std::string& ip, int client_port, const std::string& data) {
-    return SendBinary(ip, client_port, data.data(), static_cast<int>(data.size()));
+int TcpServer3::Send(std::string ip, int client_port, std::string data) {
+    return SendBinary(std::move(ip), client_port, data.data(), static_cast<int>(data.size()));
 }
 
-int TcpServer3::SendByte(const std::string& ip, int client_port, char c) {
-    return SendBinary(ip, client_port, &c, 1);
+int TcpServer3::SendByte(std::string ip, int client_port, char c) {
+    return SendBinary(std::move(ip), client_port, &c, 1);
 }
 
-void TcpServer3::OdpojKlienta(const std::string& ip, int client_port) {
+void TcpServer3::OdpojKlienta(std::string ip, int client_port) {
     MutexLock lock(mutex_);
     for (const Client& client : clients) {
         if (client.connection->ip == ip && client.connection->port == client_port) {
@@ -363,13 +364,13 @@ bool TcpServer3::Connected() {
 }
 
 void TcpServer3::ZpracujByte(const char* /*oneChar*/) {}
-void TcpServer3::ZpracujByte(const char* /*oneChar*/, const std::string& /*ip*/, int /*client_port*/) {}
+void TcpServer3::ZpracujByte(const char* /*oneChar*/, std::string /*ip*/, int /*client_port*/) {}
 void TcpServer3::ZpracujPacket(int /*length*/, const unsigned char* /*data*/) {}
 void TcpServer3::ZpracujPacket(int /*length*/, const unsigned char* /*data*/, const char* /*ip*/,
                                int /*client_port*/) {}
-void TcpServer3::ZpracujPacket(int /*length*/, const unsigned char* /*data*/, const std::string& /*ip*/,
+void TcpServer3::ZpracujPacket(int /*length*/, const unsigned char* /*data*/, std::string /*ip*/,
                                int /*client_port*/) {}
 void TcpServer3::OnConnect() {}
-void TcpServer3::OnConnect(const std::string& /*ip*/, int /*client_port*/) {}
+void TcpServer3::OnConnect(std::string /*ip*/, int /*client_port*/) {}
 void TcpServer3::OnClose() {}
-void TcpServer3::OnClose(const std::string& /*ip*/, int /*client_port*/) {}
+void TcpServer3::OnClose(std::string /*ip*/, int /*client_port*/) {}

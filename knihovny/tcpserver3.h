@@ -52,12 +52,12 @@ class TcpServer3 : public Thread3 {
     // The same with the byte 3 as end mark behind text. REQUIRES: length is the length of text.
     int SendBinaryWithTextEnd(const char* text, int length) EXCLUDES(mutex_);
     // To the clients with this address and port.
-    int SendBinary(const std::string& ip, int client_port, const char* data, int length) EXCLUDES(mutex_);
-    int Send(const std::string& ip, int client_port, const std::string& data);
-    int SendByte(const std::string& ip, int client_port, char c);
+    int SendBinary(std::string ip, int client_port, const char* data, int length) EXCLUDES(mutex_);
+    int Send(std::string ip, int client_port, std::string data);
+    int SendByte(std::string ip, int client_port, char c);
 
     // Asks the clients with this address and port to end; does not wait.
-    void OdpojKlienta(const std::string& ip, int client_port) EXCLUDES(mutex_);
+    void OdpojKlienta(std::string ip, int client_port) EXCLUDES(mutex_);
     // Asks all clients to end and waits until they are gone, at most 10 seconds. Not for a client's own
     // thread.
     void OdpojKlienta() EXCLUDES(mutex_);
@@ -66,18 +66,18 @@ class TcpServer3 : public Thread3 {
     bool Connected() EXCLUDES(mutex_);
 
   protected:
-    // The hooks do nothing by themselves. They are called on the client's thread, those of several clients at
-    // once. A packet comes in all forms, with a zero byte behind it, then its bytes one by one (oneChar[1] is
-    // 0).
+    // The hooks do nothing by themselves, and their order stays. They are called on the client's thread,
+    // those of several clients at once. A packet comes in all forms, with a zero byte behind it, then its
+    // bytes one by one (oneChar[1] is 0).
     virtual void ZpracujByte(const char* oneChar);
-    virtual void ZpracujByte(const char* oneChar, const std::string& ip, int client_port);
+    virtual void ZpracujByte(const char* oneChar, std::string ip, int client_port);
     virtual void ZpracujPacket(int length, const unsigned char* data);
     virtual void ZpracujPacket(int length, const unsigned char* data, const char* ip, int client_port);
-    virtual void ZpracujPacket(int length, const unsigned char* data, const std::string& ip, int client_port);
+    virtual void ZpracujPacket(int length, const unsigned char* data, std::string ip, int client_port);
     virtual void OnConnect();
-    virtual void OnConnect(const std::string& ip, int client_port);
+    virtual void OnConnect(std::string ip, int client_port);
     virtual void OnClose();
-    virtual void OnClose(const std::string& ip, int client_port);
+    virtual void OnClose(std::string ip, int client_port);
 
     void ExecuteThread() override;
 

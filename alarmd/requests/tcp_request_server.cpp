@@ -5,7 +5,7 @@
 #include "alarmd/requests/daemon_state.h"
 #include "knihovny/debugerror.h"
 
-void myTcpServer::ZpracujPacket(int length, const unsigned char* data, const std::string& client_ip,
+void myTcpServer::ZpracujPacket(int length, const unsigned char* data, std::string client_ip,
                                 int client_port) {
     const std::string request(reinterpret_cast<const char*>(data), static_cast<size_t>(length));
     const Answer answer = answerTcpRequest(request, takeRequestState(), modemInit);
@@ -15,6 +15,6 @@ void myTcpServer::ZpracujPacket(int length, const unsigned char* data, const std
     pauseAfter(answer);
 }
 
-void myTcpServer::OnConnect(const std::string& client_ip, int client_port) {
+void myTcpServer::OnConnect(std::string client_ip, int client_port) {
     PrintLine("pripojen klient:", client_ip, ":", client_port);
 }

@@ -12,10 +12,10 @@ class myTcpServer final : public TcpServer3 {
     ~myTcpServer() { End(); }
 
   protected:
-    void ZpracujPacket(int length, const unsigned char* data, const std::string& client_ip,
+    void ZpracujPacket(int length, const unsigned char* data, std::string client_ip,
                        int client_port) override;
     using TcpServer3::ZpracujPacket;
 
-    void OnConnect(const std::string& client_ip, int client_port) override;
+    void OnConnect(std::string client_ip, int client_port) override;
     using TcpServer3::OnConnect;
 };

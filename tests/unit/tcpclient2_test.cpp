@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <thread>
@@ -64,7 +65,7 @@ class Client : public TcpClient2 {
         MutexLock lock(mutex_);
         received_.append(reinterpret_cast<const char*>(data), static_cast<size_t>(length));
     }
-    void ZpracujPacket(const std::string& data) override {
+    void ZpracujPacket(std::string data) override {
         if (write_down_data) note("packet " + data);
     }
     void ZpracujByte(char* oneChar) override {
@@ -159,6 +160,35 @@ class TcpClient2Test : public testing::Test {
   private:
     std::optional<std::string> output_;
 };
+
+#if defined(__x86_64__)
+// The position of a virtual function in its class's table, as the Itanium C++ ABI puts it into a pointer to
+// the function: one more than its offset in bytes.
+template <class Function>
+size_t slotOf(Function function) {
+    size_t parts[2];
+    static_assert(sizeof parts == sizeof function);
+    memcpy(parts, &function, sizeof parts);
+    return (parts[0] - 1) / sizeof(void*);
+}
+
+TEST(TcpClient2Slots, TheVirtualFunctionsStandInTheirOrder) {
+    struct Slots : TcpClient2 {
+        static std::vector<size_t> all() {
+            return {
+                slotOf(&Slots::ExecuteThread),
+                slotOf<void (TcpClient2::*)(int, const unsigned char*)>(&Slots::ZpracujPacket),
+                slotOf<void (TcpClient2::*)(std::string)>(&Slots::ZpracujPacket),
+                slotOf<void (TcpClient2::*)(char*)>(&Slots::ZpracujByte),
+                slotOf<void (TcpClient2::*)(unsigned char)>(&Slots::ZpracujByte),
+                slotOf(&Slots::OnConnect),
+                slotOf(&Slots::AfterRead),
+            };
+        }
+    };
+    EXPECT_EQ(Slots::all(), (std::vector<size_t>{0, 1, 2, 3, 4, 5, 6}));
+}
+#endif
 
 size_t openDescriptors() {
     const std::filesystem::directory_iterator folder("/proc/self/fd");

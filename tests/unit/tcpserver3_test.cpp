@@ -60,8 +60,7 @@ class Server : public TcpServer3 {
     void ZpracujPacket(int length, const unsigned char* /*data*/, const char* ip, int client_port) override {
         if (write_down_all) note("packet of text " + std::to_string(length) + peer(ip, client_port));
     }
-    void ZpracujPacket(int length, const unsigned char* data, const std::string& ip,
-                       int client_port) override {
+    void ZpracujPacket(int length, const unsigned char* data, std::string ip, int client_port) override {
         if (write_down_all) note("packet of " + std::to_string(length) + peer(ip, client_port));
         if (answer)
             answer(std::string(reinterpret_cast<const char*>(data), static_cast<size_t>(length)), ip,
@@ -70,17 +69,13 @@ class Server : public TcpServer3 {
     void ZpracujByte(const char* oneChar) override {
         if (write_down_all) note("byte " + std::string(oneChar, 1) + " then " + std::to_string(oneChar[1]));
     }
-    void ZpracujByte(const char* oneChar, const std::string& ip, int client_port) override {
+    void ZpracujByte(const char* oneChar, std::string ip, int client_port) override {
         if (write_down_all) note("byte of " + std::string(oneChar, 1) + peer(ip, client_port));
     }
     void OnConnect() override { note("connect"); }
-    void OnConnect(const std::string& ip, int client_port) override {
-        note("connect of" + peer(ip, client_port));
-    }
+    void OnConnect(std::string ip, int client_port) override { note("connect of" + peer(ip, client_port)); }
     void OnClose() override { note("close"); }
-    void OnClose(const std::string& ip, int client_port) override {
-        note("close of" + peer(ip, client_port));
-    }
+    void OnClose(std::string ip, int client_port) override { note("close of" + peer(ip, client_port)); }
 
   private:
     static std::string peer(const std::string& ip, int port) { return " " + ip + ":" + std::to_string(port); }
