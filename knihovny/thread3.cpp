@@ -31,16 +31,17 @@ int Thread3::create(const pthread_attr_t* attributes) {
 
 int Thread3::Start(int argument) {
     start_argument_ = argument;
-    // Before the object forgets that an earlier thread was detached: such a thread cannot be joined.
-    Stop();
     detached_ = false;
+    Stop();
     started_ = false;
+    joinable_ = true;
     return create(nullptr);
 }
 
 int Thread3::StartDetatched() {
     detached_ = true;
     started_ = false;
+    joinable_ = false;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -53,7 +54,9 @@ void Thread3::Stop() {
     if (handle_ == 0) return;
     BeforeStop();
     if (!detached_) {
-        const int result = pthread_join(handle_, nullptr);
+        // The join of a detached thread cannot succeed. It is not tried: the thread may be gone, its memory
+        // too.
+        const int result = joinable_ ? pthread_join(handle_, nullptr) : EINVAL;
         errno = result;
         if (result != 0) perror("Pthread_join error ... \n");
     }

@@ -21,7 +21,9 @@ class Thread3 {
     Thread3& operator=(const Thread3&) = delete;
 
     // Ends a thread that this object may still run, starts a joinable one and waits until it has really
-    // begun. Returns the result of pthread_create. A failed creation is reported on standard error
+    // begun. An earlier thread that was started detached goes on: its join, which cannot be, is reported as
+    // failed ("Pthread_join error ..."). Returns the result of pthread_create. A failed creation is reported
+    // on standard error
     // ("Thread3::start failed creating thread!") and then waited for without end. The argument is kept and
     // not used.
     int Start(int argument);
@@ -55,7 +57,8 @@ class Thread3 {
 
     // Written by the controlling thread, also read by the thread itself.
     std::atomic<pthread_t> handle_{0};
-    bool detached_ = false;
+    bool detached_ = false;  // Stop has nothing to join
+    bool joinable_ = false;  // the present thread can be joined
     int start_argument_ = 0;
     std::atomic<bool> started_{false};
 };

@@ -193,7 +193,7 @@ TEST(Thread3, StopOfADetachedThreadDoesNotWaitAndPrintsNothing) {
     waitFor(detached.finished);
 }
 
-TEST(Thread3, StartAfterADetachedThreadDoesNotJoinIt) {
+TEST(Thread3, StartAfterADetachedThreadTellsThatItCannotBeJoinedAndStartsTheNext) {
     Worker worker;
     worker.end = true;
     worker.StartDetatched();
@@ -202,8 +202,49 @@ TEST(Thread3, StartAfterADetachedThreadDoesNotJoinIt) {
     CaptureStderr();
     EXPECT_EQ(worker.Start(0), 0);
     worker.Stop();
-    EXPECT_EQ(GetCapturedStderr(), "");
+    EXPECT_EQ(GetCapturedStderr(), "Pthread_join error ... \n: Invalid argument\n");
     EXPECT_TRUE(worker.finished);
+    EXPECT_EQ(worker.threadID(), 0U);
+    const Calls calls = worker.calls();
+    EXPECT_EQ(Calls(calls.begin(), calls.begin() + 4),
+              (Calls{"SetupThread", "ExecuteThread", "end", "BeforeStop"}));
+}
+
+TEST(Thread3, StartAfterADetachedThreadThatStillRunsDoesNotWaitForIt) {
+    class Detached : public Thread3 {
+      public:
+        std::atomic<bool> end{false};
+        std::atomic<int> finished{0};
+
+      protected:
+        void ExecuteThread() override {
+            waitFor(end);
+            ++finished;
+        }
+    };
+    Detached object;
+    CaptureStderr();
+    object.StartDetatched();
+    EXPECT_EQ(object.Start(0), 0);
+    EXPECT_EQ(object.finished, 0);
+    object.end = true;
+    object.Stop();
+    EXPECT_EQ(GetCapturedStderr(), "Pthread_join error ... \n: Invalid argument\n");
+    while (object.finished < 2) usleep(1000);
+}
+
+TEST(Thread3, AThreadThatFollowsAnUnjoinableOneIsJoinedWithoutAWord) {
+    Worker worker;
+    worker.end = true;
+    worker.StartDetatched();
+    waitFor(worker.finished);
+    worker.Stop();
+    CaptureStderr();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(worker.Start(0), 0);
+    }
+    worker.Stop();
+    EXPECT_EQ(GetCapturedStderr(), "");
 }
 
 TEST(Thread3, ExitEndsTheThread) {
