@@ -8,7 +8,7 @@
 #include "alarmctl/sms_length.h"
 #include "alarmd/json_reader.h"
 #include "alarmd/project/csv_file.h"
-#include "alarmd/regular_file.h"
+#include "knihovny/regular_file.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include <stdexcept>
 
-#include "alarmd/regular_file.h"
+#include "knihovny/regular_file.h"
 
 // The classic reader and writer are deprecated in jsoncpp in favour of builders whose messages and output
 // differ; the log and the requests of this daemon carry the classic forms.

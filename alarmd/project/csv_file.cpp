@@ -7,8 +7,8 @@
 #include <limits>
 #include <utility>
 
-#include "alarmd/regular_file.h"
 #include "knihovny/debugerror.h"
+#include "knihovny/regular_file.h"
 
 namespace {
 

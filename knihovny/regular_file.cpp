@@ -1,4 +1,4 @@
-#include "alarmd/regular_file.h"
+#include "knihovny/regular_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
