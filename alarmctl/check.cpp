@@ -34,11 +34,6 @@ void takeOutcome(const LoaderOutcome& outcome, CheckReport& report) {
 
 CheckReport checkAll(bool machine) {
     CheckReport report;
-    for (const std::string* path : {&conf_file, &msmtp_conf_file, &sms_conf_file}) {
-        if (canBeLoaded(*path, report.findings)) continue;
-        report.starts = false;
-        return report;
-    }
     loadConfiguration();
     if (!checkConfiguration(report.findings)) return report;
     LoaderRun loaders;

@@ -14,6 +14,7 @@
 #include "alarmd/alarmd.h"
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/project_file.h"
+#include "knihovny/generalfce.h"
 
 namespace {
 
@@ -23,10 +24,11 @@ constexpr int kHighestPort = 65535;
 
 struct Line {
     size_t number;
-    std::string key;  // empty for a comment
+    std::string key;  // empty for a comment and for a line that is too long
     std::string text;
     std::string value;
     bool ended;  // by a line feed; the daemon does not read it otherwise
+    bool too_long;
 };
 
 // The lines of a key/value file as ParamNacti sees them.
@@ -38,10 +40,12 @@ std::vector<Line> linesOf(const std::string& text) {
         std::string line(rest.substr(0, feed));
         std::erase(line, '\r');
         const bool comment = line.empty() || std::string_view("#$ ").find(line[0]) != std::string_view::npos;
+        const bool too_long = line.size() > kLongestParameterLine;
         const size_t blank = line.find(' ');
+        std::string key = comment || too_long ? "" : line.substr(0, blank);
         std::string value = blank == std::string::npos ? "" : line.substr(blank + 1);
-        lines.push_back({lines.size() + 1, comment ? "" : line.substr(0, blank), line, std::move(value),
-                         feed != std::string_view::npos});
+        lines.push_back({lines.size() + 1, std::move(key), std::move(line), std::move(value),
+                         feed != std::string_view::npos, too_long});
         rest.remove_prefix(feed == std::string_view::npos ? rest.size() : feed + 1);
     }
     return lines;
@@ -99,7 +103,7 @@ void checkForm(const std::string& path, const std::vector<Line>& lines, Findings
 // The lines up to the first that begins with a zero byte, where the daemon stops.
 void cutAtZero(const std::string& path, Findings& findings, std::vector<Line>& lines) {
     const auto zero = std::find_if(lines.begin(), lines.end(), [](const Line& line) {
-        return !line.text.empty() && line.text[0] == '\0';
+        return !line.text.empty() && line.text[0] == '\0' && !line.too_long;
     });
     if (zero == lines.end()) return;
     findings.error({path, zero->number}, "zero-byte",
@@ -233,23 +237,13 @@ void checkMailClientFile(Findings& findings) {
 
 }  // namespace
 
-bool canBeLoaded(const std::string& path, Findings& findings) {
-    struct stat info;
-    if (stat(path.c_str(), &info) != 0 || S_ISREG(info.st_mode) || S_ISDIR(info.st_mode)) return true;
-    findings.error({path}, "unreadable", "not a regular file");
-    return false;
-}
-
 bool mainFileIsReadable(Findings& findings) {
     std::vector<Line> lines;
     return readMain(findings, lines);
 }
 
 bool checkConfiguration(Findings& findings) {
-    bool loadable = true;
-    for (const std::string* path : {&conf_file, &msmtp_conf_file, &sms_conf_file})
-        loadable = canBeLoaded(*path, findings) && loadable;
-    if (!loadable || !checkMain(findings)) return false;
+    if (!checkMain(findings)) return false;
     checkMailClientFile(findings);
     std::vector<Line> lines;
     readLines(sms_conf_file, Severity::kNote, "nothing is taken from it anyway", findings, lines);

@@ -6,15 +6,11 @@
 #include "alarmctl/findings.h"
 
 // Looks at the three configuration files named by conf_file, msmtp_conf_file and sms_conf_file. False when
-// the main one cannot be read, so that nothing else is known. REQUIRES: loadConfiguration was called, unless
-// canBeLoaded is false.
+// the main one cannot be read, so that nothing else is known. REQUIRES: loadConfiguration was called.
 bool checkConfiguration(Findings& findings);
 
 // Whether conf_file can be opened, which is told when not.
 bool mainFileIsReadable(Findings& findings);
-
-// Whether reading the file would not wait for ever: false for a pipe, a socket or a device, which is told.
-bool canBeLoaded(const std::string& path, Findings& findings);
 
 // Looks at project_file, from which the project id comes.
 void checkProjectIdFile(Findings& findings);

@@ -59,7 +59,7 @@ void checkDefinitions(Findings& findings, AlarmPlaces& places) {
 void checkProjectId(Findings& findings) {
     if (fileExists(project_file_json)) {
         checkProjectIdJson(findings);
-    } else if (fileExists(project_file) && canBeLoaded(project_file, findings)) {
+    } else if (fileExists(project_file)) {
         checkProjectIdFile(findings);
     }
 }

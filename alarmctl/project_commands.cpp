@@ -107,8 +107,7 @@ int fail(const std::string& reason) {
 std::string loadProject() {
     Findings findings;
     loadConfiguration();
-    if (!canBeLoaded(conf_file, findings) || !mainFileIsReadable(findings))
-        return conf_file + ": " + findings.sorted().front().text;
+    if (!mainFileIsReadable(findings)) return conf_file + ": " + findings.sorted().front().text;
     const LoaderOutcome outcome = LoaderRun().outcome();
     if (!outcome.survived)
         return "the daemon would not start: " + (outcome.complaints.empty() ? "" : outcome.complaints.back());

@@ -1,6 +1,5 @@
 #include "knihovny/generalfce.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -19,6 +18,7 @@
 
 #include "knihovny/debugerror.h"
 #include "knihovny/descriptor.h"
+#include "knihovny/regular_file.h"
 
 namespace {
 
@@ -77,34 +77,50 @@ bool storeLine(const std::string& line, std::map<std::string, std::string>& map)
     return true;
 }
 
-// Takes a block of the file: stores the lines that end in it and keeps the begun one in line.
-bool storeBlock(const char* block, size_t length, std::string& line,
-                std::map<std::string, std::string>& map) {
-    const char* const end = block + length;
-    while (const void* feed = memchr(block, '\n', static_cast<size_t>(end - block))) {
-        const char* const stop = static_cast<const char*>(feed);
-        appendWithoutCarriageReturns(line, block, stop);
-        if (!storeLine(line, map)) return false;
-        line.clear();
-        block = stop + 1;
+// Stores the lines of a key/value file, which comes in blocks.
+class ParameterLines {
+  public:
+    ParameterLines(const std::string& path, std::map<std::string, std::string>& map, const Complain& complain)
+        : path_(path), map_(map), complain_(complain) {}
+
+    // Stores the lines that end in the block and keeps the begun one. False at a line without a key.
+    bool take(const char* block, size_t length) {
+        const char* const end = block + length;
+        while (const void* feed = memchr(block, '\n', static_cast<size_t>(end - block))) {
+            const char* const stop = static_cast<const char*>(feed);
+            append(block, stop);
+            if (!endLine()) return false;
+            block = stop + 1;
+        }
+        append(block, end);
+        return true;
     }
-    appendWithoutCarriageReturns(line, block, end);
-    return true;
-}
 
-// A pipe that nobody writes to reads as an empty file: an ordinary opening would wait for a writer without
-// limit.
-FILE* openToRead(const std::string& path) {
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (descriptor < 0) return nullptr;
-    fcntl(descriptor, F_SETFL, O_RDONLY);  // a writer that is there is waited for
-    FILE* file = fdopen(descriptor, "r");
-    if (!file) close(descriptor);
-    return file;
-}
+  private:
+    void append(const char* begin, const char* end) {
+        if (too_long_) return;
+        appendWithoutCarriageReturns(line_, begin, end);
+        too_long_ = line_.size() > kLongestParameterLine;
+    }
 
-struct FileCloser {
-    void operator()(FILE* file) const { fclose(file); }
+    bool endLine() {
+        ++number_;
+        const bool good = too_long_ || storeLine(line_, map_);
+        if (too_long_) {
+            complain_(path_ + ", line " + std::to_string(number_) + ": longer than " +
+                      std::to_string(kLongestParameterLine) + " bytes, ignored");
+        }
+        line_.clear();
+        too_long_ = false;
+        return good;
+    }
+
+    const std::string& path_;
+    std::map<std::string, std::string>& map_;
+    const Complain& complain_;
+    std::string line_;
+    bool too_long_ = false;
+    size_t number_ = 0;
 };
 
 }  // namespace
@@ -142,23 +158,29 @@ void TiskTed2(char* buffer, int size) {
     if (strftime(buffer, static_cast<size_t>(size), "%d.%m.%Y %H:%M:%S", &local) == 0) buffer[0] = '\0';
 }
 
-bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map) {
-    const std::unique_ptr<FILE, FileCloser> file(openToRead(path));
+bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map, const Complain& complain) {
+    std::string reason;
+    const Descriptor file(openRegularFile(path, reason));
     const auto block = std::make_unique<char[]>(kReadBlock);
-    size_t length = file ? fread(block.get(), 1, kReadBlock, file.get()) : 0;
-    // A folder opens and gives an error at the first read.
-    if (!file || (length == 0 && ferror(file.get()) != 0)) {
+    long length = file.get() < 0 ? -1 : readSome(file.get(), block.get(), kReadBlock, reason);
+    if (length < 0) {
         PrintLine("Nelze otevrit konfiguracni soubor");
+        complain(path + ": " + reason);
         return false;
     }
-    std::string line;
-    for (; length > 0; length = fread(block.get(), 1, kReadBlock, file.get())) {
-        if (!storeBlock(block.get(), length, line, map)) {
+    ParameterLines lines(path, map, complain);
+    for (; length > 0; length = readSome(file.get(), block.get(), kReadBlock, reason)) {
+        if (!lines.take(block.get(), static_cast<size_t>(length))) {
             Print("Chybny konfiguracni soubor");
             return false;
         }
     }
+    if (length < 0) complain(path + ": " + reason);
     return true;
+}
+
+bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map) {
+    return ParamNacti(path, map, [](const std::string& complaint) { PrintErrorLine(complaint); });
 }
 
 std::vector<std::string> txt2vector(const char* text, const char* delimiters) {

@@ -8,6 +8,8 @@
 #include <sys/time.h>
 
 #include <atomic>
+#include <cstddef>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -31,11 +33,20 @@ void TiskTed2(char* buffer, int size);
 //
 // A line is a key, one blank and the value (all further blanks belong to the value). Lines that begin with
 // '#', '$' or a blank are comments. Carriage returns are dropped. A last line without a line feed is not
-// read. A later line replaces an earlier one with the same key. Other bytes are taken as they are; a byte
-// order mark is a part of the first key. A line that begins with a zero byte has no key: prints "Chybny
-// konfiguracni soubor" without a newline and returns false; the lines before it are stored. When the file
-// cannot be opened or is a directory, prints "Nelze otevrit konfiguracni soubor" and returns false; map stays
-// as it was.
+// read, whatever its length. A later line replaces an earlier one with the same key. Other bytes are taken as
+// they are; a byte order mark is a part of the first key. A line that begins with a zero byte has no key:
+// prints "Chybny konfiguracni soubor" without a newline and returns false; the lines before it are stored.
+//
+// A line of more than kLongestParameterLine bytes, carriage returns and the line feed not counted, is passed
+// over and complained of. When the file cannot be opened, or is no regular file (a folder, a pipe, a device,
+// a socket), prints "Nelze otevrit konfiguracni soubor", complains with the reason and returns false; map
+// stays as it was. A file that can be read no further ends there, which is complained of.
+//
+// complain hears of each of these: "PATH: REASON" or "PATH, line 7: REASON". Without it, that is a line on
+// standard error.
+using Complain = std::function<void(const std::string& complaint)>;
+constexpr size_t kLongestParameterLine = size_t{1} << 20;
+bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map, const Complain& complain);
 bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map);
 
 // Splits text at any of the delimiter characters. Empty pieces are never produced. Text ends at its first

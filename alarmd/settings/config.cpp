@@ -17,9 +17,10 @@ namespace {
 
 using KeyValues = std::map<std::string, std::string>;
 
-KeyValues readKeyValues(const std::string& path) {
-    KeyValues values{{"config", path}};
-    ParamNacti(path, values);
+// Adds what the file says to the values.
+KeyValues readKeyValues(const std::string& path, KeyValues values = {}) {
+    values["config"] = path;
+    ParamNacti(path, values, [](const std::string& complaint) { PrintErrorLine("alarmd: ", complaint); });
     return values;
 }
 
@@ -138,9 +139,7 @@ std::string readProjectIdJson() {
 
 int readProjectId() {
     PrintLine("Nacitam setting.txt");
-    const std::string path = pFolder + "/setting.txt";
-    KeyValues values{{"config", path}, {"projectID", "0"}};
-    ParamNacti(path, values);
+    KeyValues values = readKeyValues(pFolder + "/setting.txt", {{"projectID", "0"}});
     const int id = leadingNumber(values["projectID"]);
     PrintLine("Project ID: ", id);
     return id;

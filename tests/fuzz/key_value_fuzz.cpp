@@ -20,6 +20,7 @@ bool expectedValues(std::string_view content, Values& values) {
     lines.pop_back();  // no line feed behind it
     for (std::string& line : lines) {
         std::erase(line, '\r');
+        if (line.size() > kLongestParameterLine) continue;
         if (line.empty() || line.find_first_of("#$ ") == 0) continue;
         if (line[0] == '\0') return false;
         const size_t blank = line.find(' ');

@@ -2,12 +2,14 @@
 
 import os
 import signal
+import socket
 
 import plant
 
 JSON_FILES = ["groups.json", "cas.json", "users.json"]
 CSV_FILES = ["groups.csv", "cas.csv", "list.acc"]
 KINDS = ["empty", "a pipe", "unreadable"]
+REASONS = [None, "Not a regular file", "Permission denied"]
 UNREADABLE = "Nelze otevrit konfiguracni soubor"
 SETPRIV = "/usr/bin/setpriv"
 
@@ -60,16 +62,18 @@ class Files(plant.PlantTest):
         self.without_modem()
         self.configure()
         self.start_answers()
-        for kind, reason in zip(KINDS, [None, "Not a regular file", "Permission denied"]):
+        for kind, reason in zip(KINDS, REASONS):
             with self.subTest(kind):
                 for name in CSV_FILES:
                     self.spoil(self.path("project", name), kind)
                 self.spoil(self.path("project", "setting.txt"), kind)
                 out, err = self.polls_and_stops()
-                self.assertEqual(err, ["alarmd: %s: %s" % (self.path("project", name), reason) for name in CSV_FILES]
+                # In the order in which they are read.
+                names = ["groups.csv", "cas.csv", "setting.txt", "list.acc"]
+                self.assertEqual(err, ["alarmd: %s: %s" % (self.path("project", name), reason) for name in names]
                                  if reason else [])
                 self.assertEqual(out.count("Project ID: 0"), 1)
-                self.assertEqual(out.count(UNREADABLE), kind == "unreadable")
+                self.assertEqual(out.count(UNREADABLE), 1 if reason else 0)
 
     def test_a_project_id_that_cannot_be_read_ends_the_process(self):
         self.configure()
@@ -85,13 +89,44 @@ class Files(plant.PlantTest):
     def test_configuration_and_settings(self):
         self.configure()
         self.start_answers()
-        for kind in KINDS:
+        for kind, reason in zip(KINDS, REASONS):
             with self.subTest(kind):
                 for path in (self.path("msmtp.conf"), self.path("sms.conf"), plant.SYSTEM_SETTINGS):
                     self.spoil(path, kind)
                 out, err = self.polls_and_stops()
-                self.assertEqual(out.count(UNREADABLE), 2 if kind == "unreadable" else 0)
-                self.assertEqual((out.count("Failed to parse settings.json"), err), (1, []))
+                self.assertEqual(out.count(UNREADABLE), 2 if reason else 0)
+                self.assertEqual(err, ["alarmd: %s: %s" % (name, reason) for name in ("msmtp.conf", "sms.conf")]
+                                 if reason else [])
+                self.assertEqual(out.count("Failed to parse settings.json"), 1)
+
+    def test_key_value_files_that_never_end_hold_nothing_up(self):
+        self.without_modem()
+        self.configure()
+        self.start_answers()
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(self.path("socket"))
+            os.unlink(self.path("msmtp.conf"))
+            os.rename(self.path("socket"), self.path("msmtp.conf"))
+            os.unlink(self.path("sms.conf"))
+            os.symlink("/dev/zero", self.path("sms.conf"))
+            os.mkfifo(self.path("project", "setting.txt"))
+            writer = os.open(self.path("project", "setting.txt"), os.O_RDWR)  # who says nothing
+            self.addCleanup(os.close, writer)
+            out, err = self.polls_and_stops()
+        self.assertEqual(err, ["alarmd: msmtp.conf: No such device or address",
+                               "alarmd: sms.conf: Not a regular file",
+                               "alarmd: %s: Not a regular file" % self.path("project", "setting.txt")])
+        self.assertEqual((out.count(UNREADABLE), out.count("Project ID: 0")), (3, 1))
+
+    def test_a_line_of_a_configuration_file_that_is_too_long_is_told_and_the_next_ones_are_read(self):
+        self.without_modem()
+        self.start_answers()
+        self.configure()
+        with open(self.path("korvato.conf")) as file:
+            content = file.read()
+        self.write("korvato.conf", "https_port " + "9" * (1 << 20) + "\n" + content)
+        _, err = self.polls_and_stops()
+        self.assertEqual(err, ["alarmd: korvato.conf, line 1: longer than 1048576 bytes, ignored"])
 
     def test_the_main_configuration(self):
         # Nothing is known then, the server's port neither.

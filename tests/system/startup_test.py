@@ -112,12 +112,15 @@ class Configuration(plant.PlantTest):
             "Reading msmtp.conf \nNelze otevrit konfiguracni soubor\n"
             "Reading sms.conf \nNelze otevrit konfiguracni soubor\n"), daemon.out.text())
         daemon.err.wait(plant.starting("curl_easy_perform() failed: "))
+        self.assertEqual(daemon.err.texts()[:3], ["alarmd: %s.conf: No such file or directory" % name
+                                                  for name in ("korvato", "msmtp", "sms")])
 
-    def test_a_folder_in_place_of_a_configuration_file_is_as_a_missing_or_empty_one(self):
+    def test_a_folder_in_place_of_a_configuration_file_is_as_a_missing_one(self):
         os.mkdir(self.path("korvato.conf"))
         daemon = self.start_daemon()
         daemon.out.wait(READY)
         daemon.err.wait(plant.starting("curl_easy_perform() failed: "))
+        self.assertEqual(daemon.err.texts()[0], "alarmd: korvato.conf: Is a directory")
 
     def test_start_up_prints_its_steps_in_order(self):
         self.start_answers()

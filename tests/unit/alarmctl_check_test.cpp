@@ -97,7 +97,39 @@ TEST_F(CheckTest, AMainFileThatCannotBeReadIsAllThatIsTold) {
               "nor the server nor the mail client [unreadable]\n");
     conf_file = folder_.pipe("pipe.conf");
     const CheckReport report = checkAll(true);
-    EXPECT_EQ(textOf(report), "pipe.conf: error: not a regular file [unreadable]\n");
+    EXPECT_EQ(textOf(report),
+              "pipe.conf: error: cannot be opened (Not a regular file): the daemon knows neither its project "
+              "nor the server nor the mail client [unreadable]\n");
+    EXPECT_TRUE(report.starts);
+}
+
+TEST_F(CheckTest, PipesInThePlaceOfTheOtherKeyValueFilesAreToldOnceEach) {
+    folder_.write("groups.json", R"([{"groupNo": 1, "name": "One"}])");
+    std::filesystem::remove(folder_.in("setting.json"));
+    folder_.pipe("setting.txt");
+    msmtp_conf_file = folder_.pipe("mail.pipe");
+    sms_conf_file = folder_.pipe("sms.pipe");
+    const CheckReport report = checkAll(false);
+    EXPECT_TRUE(report.starts);
+    EXPECT_EQ(textOf(report),
+              "mail.pipe: error: cannot be opened (Not a regular file): no mail is sent [unreadable]\n"
+              "sms.pipe: note: cannot be opened (Not a regular file): nothing is taken from it anyway "
+              "[unreadable]\n"
+              "setting.txt: error: cannot be opened (Not a regular file): the project id is the character "
+              "with the code 0 [unreadable]\n");
+}
+
+TEST_F(CheckTest, ALineOfAKeyValueFileThatIsTooLongIsToldAndCountsAsNotThere) {
+    folder_.write("groups.json", R"([{"groupNo": 1, "name": "One"}])");
+    const std::string too_long(1 << 20, 'x');
+    folder_.write("korvato.conf", "pFolder " + folder_.path() + "\nhttps_port " + too_long + "\nbinFolder " +
+                                      folder_.path() + "\n" + std::string(1, '\0') + too_long + "\n");
+    const CheckReport report = checkAll(false);
+    EXPECT_EQ(
+        textOf(report),
+        "korvato.conf: error: \"https_port\" is missing: the alarm history is not reached [missing-key]\n"
+        "korvato.conf:2: warning: longer than 1048576 bytes, ignored [line-too-long]\n"
+        "korvato.conf:4: warning: longer than 1048576 bytes, ignored [line-too-long]\n");
 }
 
 TEST_F(CheckTest, TheLoadersComplaintsBecomeFindings) {

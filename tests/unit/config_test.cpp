@@ -73,6 +73,9 @@ TEST_F(ConfigTest, FilesThatCannotBeOpenedAreToldAndLeaveEverythingEmpty) {
     const Output output = outputOf(readConfigFiles);
     EXPECT_EQ(output.out, std::string("Reading korvato.conf \n") + kNotOpened + "Reading msmtp.conf \n" +
                               kNotOpened + "Reading sms.conf \n" + kNotOpened);
+    EXPECT_EQ(output.err, "alarmd: " + conf_file + ": No such file or directory\nalarmd: " + msmtp_conf_file +
+                              ": No such file or directory\nalarmd: " + sms_conf_file +
+                              ": No such file or directory\n");
     EXPECT_EQ(pFolder, "");
     EXPECT_EQ(http_port, "");
     EXPECT_EQ(https_port, "");
@@ -80,6 +83,18 @@ TEST_F(ConfigTest, FilesThatCannotBeOpenedAreToldAndLeaveEverythingEmpty) {
     EXPECT_EQ(mail_from, "");
     EXPECT_EQ(project_file, "/setting.txt");
     EXPECT_EQ(cas_list_json, "/cas.json");
+}
+
+TEST_F(ConfigTest, ALineThatIsTooLongIsToldAndTheOthersAreRead) {
+    folder_.write("korvato.conf",
+                  "pFolder /plant\nhttps_port " + std::string(1 << 20, '1') + "\nbinFolder /x\n");
+    folder_.write("msmtp.conf", "");
+    folder_.write("sms.conf", "");
+    const Output output = outputOf(readConfigFiles);
+    EXPECT_EQ(output.err, "alarmd: " + conf_file + ", line 2: longer than 1048576 bytes, ignored\n");
+    EXPECT_EQ(pFolder, "/plant");
+    EXPECT_EQ(https_port, "");
+    EXPECT_EQ(binFolder, "/x");
 }
 
 TEST_F(ConfigTest, AMissingHttpsPortIsEmpty) {
