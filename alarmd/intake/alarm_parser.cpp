@@ -28,8 +28,9 @@ double instant(const TimeTriple& time) {
     return instant(time[0], time[1]);
 }
 
+// 32 bits hold the seconds until January 2038 only.
 void readTime(const Json::Value& value, TimeTriple& time) {
-    time[0] = value[0U].asInt();
+    time[0] = value[0U].asInt64();
     time[1] = value[1U].asInt();
 }
 

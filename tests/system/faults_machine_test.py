@@ -26,6 +26,7 @@ F_SETPIPE_SZ = 1031
 WRITE = "1"  # number of the system call
 SYSTEM_LOG = "/dev/log"
 WALK = "--> Check Re-Send Queue"
+YEAR_2040 = 2208988800  # in seconds since the epoch, more than 31 bits hold
 
 # Becomes the daemon with all signals blocked, and those that matter to it ignored.
 DEAF_PARENT = """
@@ -451,6 +452,31 @@ class Clock(MachineTest):
         log.wait(sms_plant.READING, counts[1] + 1)
         self.assert_stops()
         self.assertEqual(self.modem.sms(), [first, second])
+
+    def test_after_2038_alarms_make_their_mails_and_sms_and_move_the_start_point(self):
+        ahead = YEAR_2040 - int(time.time())
+        self.set_clock(ahead)
+        self.start_sms(resend_enable=1)
+        moment = int(time.time()) + ahead
+        self.sim.alarm(13, time=[moment, 5])
+        self.wait_sms((sms_plant.JAN, "(ACT) Zpráva 13 /ack:13"), (sms_plant.GRETA, "(ACT) Meldung 13 /ack:13"),
+                      (sms_plant.EVE, "(ACT) Message 13 /ack:13"))
+        self.client.wait_runs(3)
+        shown = time.strftime("%a %b %e %H:%M:%S %Y", time.localtime(moment))
+        self.assertEqual([plant.Mail(self.client.input(n)).row()["ACT TIME"] for n in range(3)], 3 * [shown])
+        log = self.daemon.out
+        log.wait(plant.starting("atm: %d.5(" % moment))
+        _, walked = log.wait(plant.starting("| 13\t|"))
+        self.assertIn(int(walked.split("|")[2]) - moment, range(600))
+        # The next poll begins behind the alarm, so that nothing comes twice.
+        self.sim.wait_polls(2)
+        self.assertEqual(self.sim.polls()[-1]["body"], "t=30&prj=7&start=%d.6&limit=10000" % moment)
+        self.sim.alarm(13, "deactivated", time=[moment + 1, 0])
+        log.wait(plant.starting("dtm: %d.0(" % (moment + 1)))
+        self.client.wait_runs(6)
+        self.assert_stops()
+        self.assertEqual(self.client.runs(), 6)
+        self.assertEqual(log.count(plant.starting("ALARM TIMEOUT")), 0)
 
     def test_set_back_in_a_wait_for_the_modem_it_ends_in_time(self):
         self.start_sms()

@@ -138,6 +138,35 @@ TEST_F(AlarmParser, ValuesOfAnotherTypeAreConvertedWhereTheyCanBe) {
     expectStartPoint(1700000001, 1);
 }
 
+TEST_F(AlarmParser, SecondsOfMoreThan32BitsAreReadComparedAndPrintedAndMoveTheStartPoint) {
+    constexpr int64_t kFar = int64_t{1} << 33;
+    define(12, mailDefinition());
+    int64_t last = (int64_t{1} << 31) - 1;
+    last_timestamp = last;
+    for (const int64_t seconds : {last + 1, last + 3, kFar}) {
+        for (const int stat : {0, 1, 2, 8}) {
+            last_timestamp = last;
+            last_timestamp_ms = 999999;
+            const std::string output =
+                parse(historyAnswer({historyEntry(12, stat, last, 0), historyEntry(12, stat, seconds, 5)}));
+            EXPECT_EQ(takeStates(fronta_mail), (States{{12, stat}})) << seconds;
+            EXPECT_NE(output.find("tm: " + std::to_string(seconds) + ".5("), std::string::npos) << output;
+            expectStartPoint(seconds, 6);
+            parse(historyAnswer({historyEntry(12, stat, seconds, 5)}));
+            EXPECT_TRUE(fronta_mail.empty());
+        }
+        last = seconds;
+    }
+    EXPECT_EQ(alarm_tag.acktm[0], kFar);
+}
+
+TEST_F(AlarmParser, TheLastOfAllSecondsIsReadToo) {
+    define(12, mailDefinition());
+    parse(historyAnswer({historyEntry(12, 1, INT64_MAX, 2147483647)}));
+    EXPECT_EQ(takeStates(fronta_mail), (States{{12, 1}}));
+    expectStartPoint(INT64_MAX, int64_t{1} << 31);
+}
+
 TEST_F(AlarmParser, BytesOfAUserNameAreKeptAsTheyAre) {
     define(12, mailDefinition());
     const std::string user = "\xC5\xBDofie\xFF\xC3(";
@@ -370,9 +399,12 @@ TEST_F(AlarmParserDeathTest, AMemberThatDoesNotConvertEndsTheProcess) {
     } const cases[] = {
         {"{\"atm\":5}", "in Json::Value::operator[](ArrayIndex)const: requires arrayValue"},
         {"{\"dtm\":{}}", "in Json::Value::operator[](ArrayIndex)const: requires arrayValue"},
-        {"{\"acktm\":[\"5\"]}", "Value is not convertible to Int."},
-        {"{\"atm\":[2147483648,0]}", "LargestUInt out of Int range"},
-        {"{\"atm\":[1e300,0]}", "double out of Int range"},
+        {"{\"acktm\":[\"5\"]}", "Value is not convertible to Int64."},
+        {"{\"acktm\":[5,\"5\"]}", "Value is not convertible to Int."},
+        {"{\"atm\":[9223372036854775808,0]}", "LargestUInt out of Int64 range"},
+        {"{\"atm\":[1e300,0]}", "double out of Int64 range"},
+        {"{\"atm\":[0,2147483648]}", "LargestUInt out of Int range"},
+        {"{\"atm\":[0,-2147483649]}", "LargestInt out of Int range"},
         {"{\"stat\":\"1\"}", "Value is not convertible to Int."},
         {"{\"stat\":18446744073709551615}", "LargestUInt out of Int range"},
         {"{\"av\":\"1.5\"}", "Value is not convertible to double."},

@@ -44,6 +44,16 @@ TEST_F(HistoryRequest, HoldsAtMost999Characters) {
     EXPECT_EQ(historyRequest(), "t=30&prj=" + std::string(990, 'p'));
 }
 
+TEST_F(HistoryRequest, CarriesAndShowsSecondsOfMoreThan32Bits) {
+    last_timestamp = int64_t{1} << 33;
+    last_timestamp_ms = 5;
+    EXPECT_EQ(historyRequest(), "t=30&prj=7&start=8589934592.5&limit=10000");
+    EXPECT_EQ(startPointText(), "Wed Mar 16 12:56:32 2242\n");
+    last_timestamp = INT64_MAX;
+    EXPECT_EQ(historyRequest(), "t=30&prj=7&start=9223372036854775807.5&limit=10000");
+    EXPECT_EQ(startPointText(), "\n");
+}
+
 TEST_F(HistoryRequest, TakesAProjectIdWithConversionsAsText) {
     {
         MutexLock lock(settings_mutex);

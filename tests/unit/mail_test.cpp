@@ -299,6 +299,8 @@ TEST_F(ReadableTime, IsLocalTime) {
 }
 
 TEST_F(ReadableTime, BearsEveryYear) {
+    EXPECT_EQ(getReadebleTime(int64_t{1} << 31), "Tue Jan 19 03:14:08 2038");
+    EXPECT_EQ(getReadebleTime(int64_t{1} << 33), "Wed Mar 16 12:56:32 2242");
     EXPECT_EQ(getReadebleTime(253402300800), "Sat Jan  1 00:00:00 10000");
     EXPECT_EQ(getReadebleTime(INT64_MAX), "-");
 }
