@@ -114,7 +114,7 @@ void loadRows() {
 struct LoadedDefinition {
     _alarm_def record;
     std::bitset<kGroups> groups;
-    int no_group = -1;  // the first group that does not exist, if there is any
+    std::string remark;  // what was ignored, if anything
 };
 
 void take(const Json::Value& value, std::string_view key, int& target) {
@@ -139,13 +139,16 @@ void take(const Json::Value& value, std::string_view key, std::vector<_translate
 
 // An array of booleans, by group number.
 void takeGroups(const Json::Value& value, LoadedDefinition& definition) {
-    if (value.empty()) return;
-    if (!value.isArray()) throw std::runtime_error("\"group\": not an array");
+    if (value.isNull()) return;
+    if (!value.isArray()) {
+        definition.remark = "\"group\" is ignored: not an array";
+        return;
+    }
     int group = 0;
     for (const Json::Value& flag : value) {
         const bool member = flagFrom(flag, "group");
         if (member && isGroup(group)) definition.groups.set(static_cast<size_t>(group));
-        if (member && !isGroup(group) && definition.no_group < 0) definition.no_group = group;
+        if (member && !isGroup(group) && definition.remark.empty()) definition.remark = noSuchGroup(group);
         ++group;
     }
 }
@@ -193,7 +196,7 @@ void convertDefinitions(const Json::Value& root, Batch& batch) {
     int last = 0;
     convertElements(cas_list_json, root, [&](const JsonElement& element, std::string& remark) {
         LoadedDefinition definition = definitionFrom(element);
-        if (definition.no_group >= 0) remark = noSuchGroup(definition.no_group);
+        remark = std::move(definition.remark);
         last = definition.record.id;
         for (int group = 0; group < kGroups; ++group) {
             if (definition.groups[static_cast<size_t>(group)]) batch.group_ids[group].push_back(last);

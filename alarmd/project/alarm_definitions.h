@@ -1,6 +1,7 @@
 // The alarm definitions: severity, texts by language, what is notified and in which groups.
 //
-// A group number outside 0 to 11 is told in one line and ignored.
+// A group number outside 0 to 11 is told in one line and ignored. So are groups that are no array: such a
+// definition is in no group.
 #pragma once
 
 #include <string>

@@ -305,26 +305,42 @@ TEST_F(AlarmDefinitionsTest, CsvAfterJsonCarriesIdAndTranslationsOfTheLastJsonOb
 }
 
 TEST_F(AlarmDefinitionsTest, AnElementOfAWrongTypeIsToldAndTheOthersAreLoaded) {
-    const Output output = loadJson(R"([{"id": "1"}, 5, {"id": 2, "group": "x"}, {"id": 3, "group": ["x"]},
+    const Output output = loadJson(R"([{"id": "1"}, 5, {"id": 3, "group": ["x"]},
         {"id": 4, "areaLangs": ["x"]}, {"id": 5, "areaLangs": {"cs": []}}, {"id": 6, "email": "x"},
-        {"id": 3000000000}, {"id": 9, "message": "M", "areaLangs": [], "group": {}}])");
+        {"id": 3000000000}, {"id": 9, "message": "M", "areaLangs": [], "group": null}])");
     const std::string file = "alarmd: " + cas_list_json + ", element ";
-    EXPECT_EQ(linesIn(output.err), 8U) << output.err;
+    EXPECT_EQ(linesIn(output.err), 7U) << output.err;
     EXPECT_NE(output.err.find(file + "1: \"id\": Value is not convertible to Int. (element left out)\n"),
               std::string::npos);
     EXPECT_NE(output.err.find(file + "2: not an object (element left out)\n"), std::string::npos);
-    EXPECT_NE(output.err.find(file + "3: \"group\": not an array (element left out)\n"), std::string::npos);
-    EXPECT_NE(output.err.find(file + "4: \"group\": Value is not convertible to bool. (element left out)\n"),
+    EXPECT_NE(output.err.find(file + "3: \"group\": Value is not convertible to bool. (element left out)\n"),
               std::string::npos);
-    EXPECT_NE(output.err.find(file + "5: \"areaLangs\": not an object (element left out)\n"),
+    EXPECT_NE(output.err.find(file + "4: \"areaLangs\": not an object (element left out)\n"),
               std::string::npos);
     EXPECT_NE(
-        output.err.find(file + "6: \"areaLangs\": Type is not convertible to string (element left out)\n"),
+        output.err.find(file + "5: \"areaLangs\": Type is not convertible to string (element left out)\n"),
         std::string::npos);
-    EXPECT_NE(output.err.find(file + "7: \"email\": "), std::string::npos);
-    EXPECT_NE(output.err.find(file + "8: \"id\": "), std::string::npos);
+    EXPECT_NE(output.err.find(file + "6: \"email\": "), std::string::npos);
+    EXPECT_NE(output.err.find(file + "7: \"id\": "), std::string::npos);
     EXPECT_EQ(definitionCount(), 1U);
     EXPECT_EQ(definition(9).message, "M");
+}
+
+TEST_F(AlarmDefinitionsTest, ADefinitionWhoseGroupIsNoArrayIsToldAndStoredWithoutGroups) {
+    const Output output = loadJson(R"([{"id": 1, "group": "x", "message": "M", "email": true},
+        {"id": 2, "group": true}, {"id": 3, "group": {"0": true}}, {"id": 4, "group": {}}, {"id": 5, "group": 7},
+        {"id": 6, "group": ""}, {"id": 7, "group": null}, {"id": 8}, {"id": 9, "group": []}, {"id": 10, "group": [true]}])");
+    std::string remarks;
+    for (int element = 1; element <= 6; ++element) {
+        remarks += "alarmd: " + cas_list_json + ", element " + std::to_string(element) +
+                   ": \"group\" is ignored: not an array\n";
+    }
+    EXPECT_EQ(output.err, remarks);
+    EXPECT_EQ(definitionCount(), 10U);
+    EXPECT_EQ(definition(1).message, "M");
+    EXPECT_TRUE(definition(1).email);
+    EXPECT_EQ(idsOf(0), std::vector<int>{10});
+    for (int group = 1; group < kGroups; ++group) EXPECT_EQ(idsOf(group), std::vector<int>{});
 }
 
 TEST_F(AlarmDefinitionsTest, ADocumentThatIsNoArrayIsToldAndChangesNothing) {

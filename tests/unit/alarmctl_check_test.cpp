@@ -132,6 +132,19 @@ TEST_F(CheckTest, ALineOfAKeyValueFileThatIsTooLongIsToldAndCountsAsNotThere) {
         "korvato.conf:4: warning: longer than 1048576 bytes, ignored [line-too-long]\n");
 }
 
+TEST_F(CheckTest, AnAlarmWhoseGroupIsNoArrayIsInNoGroup) {
+    folder_.write("groups.json", R"([{"groupNo": 1, "name": "One"}])");
+    folder_.write("cas.json",
+                  R"([{"id": 12, "message": "M", "email": true, "group": [false, true]},
+                      {"id": 13, "message": "M", "email": true, "group": {"1": true}}])");
+    const CheckReport report = checkAll(false);
+    EXPECT_EQ(report.loaded.alarms, 2U);
+    EXPECT_EQ(textOf(report),
+              "cas.json: element 2: warning: \"group\" is ignored: not an array [wrong-type]\n"
+              "cas.json: element 2: warning: alarm 13 has flags but is in no group: nobody is told of it "
+              "[no-group]\n");
+}
+
 TEST_F(CheckTest, TheLoadersComplaintsBecomeFindings) {
     acc_list = "/p, element 9: x/list.acc";
     acc_list_json = "/p, element 9: x/users.json";
