@@ -8,8 +8,8 @@
 void openHistory();
 
 // Hands a pending line from tcps to json_parse, then makes one request and hands its answer to json_parse.
-// Failures are told on standard error. Connecting takes at most 5 s and a transfer at most 60 s; a stop
-// request ends it.
+// Failures are told on standard error; a redirect to another protocol than HTTPS and an answer of more than
+// 16 MiB are such. Connecting takes at most 5 s and a transfer at most 60 s; a stop request ends it.
 void pollHistory();
 
 // Releases the handle.

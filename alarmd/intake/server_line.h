@@ -19,7 +19,7 @@ class MyTcpClient final : public TcpClient2 {
     void OnDisconnect() override;
 
     // Bytes of a line beyond this are dropped: a line that long is no answer of the history.
-    static constexpr size_t kLongestLine = size_t{64} * 1024 * 1024;
+    static constexpr size_t kLongestLine = size_t{16} * 1024 * 1024;
 
   private:
     std::string data_buf;  // the line being received; reading thread only

@@ -362,31 +362,32 @@ class Processes(MachineTest):
 
 
 class Memory(MachineTest):
-    def start(self, *lengths):
+    def start(self, *lengths, env=None):
         """A daemon whose first polls get answers of so many bytes."""
         def answer(n, request):
             return plant.http_answer(b'{"d": [], "x": "%s"}' % (b"y" * lengths[n]) if n < len(lengths) else "{}")
 
         self.start_answers(answer)
-        return self.member("one").daemon
+        return self.member("one", env=env).daemon
 
     def test_an_answer_beyond_all_measure_is_told_and_dropped(self):
         daemon = self.start(256 << 20)
-        daemon.err.wait("history answer of more than 67108864 bytes dropped")
+        daemon.err.wait("history answer of more than 16777216 bytes dropped")
         daemon.out.wait("JSON : {}")
         with open("/proc/%d/status" % daemon.pid) as file:
             peak = next(int(line.split()[1]) for line in file if line.startswith("VmHWM"))
         if not sanitized():
-            self.assertLess(peak, 300 << 10)
+            self.assertLess(peak, 100 << 10)
 
     def test_without_memory_it_ends_with_a_line_and_sigabrt(self):
         if sanitized():
             self.skipTest("a sanitizer needs more address space than can be limited")
-        daemon = self.start(0, 48 << 20)
+        # The threads' own heaps would have room for an answer, though not for several.
+        daemon = self.start(0, 15 << 20, env={**os.environ, "MALLOC_ARENA_MAX": "1"})
         daemon.out.wait(plant.starting("JSON : "))
         with open("/proc/%d/status" % daemon.pid) as file:
             size = next(int(line.split()[1]) << 10 for line in file if line.startswith("VmSize"))
-        resource.prlimit(daemon.pid, resource.RLIMIT_AS, (size + (24 << 20),) * 2)
+        resource.prlimit(daemon.pid, resource.RLIMIT_AS, (size + (16 << 20),) * 2)
         self.assertEqual(daemon.wait_exit(), -signal.SIGABRT)
         self.assertIn("std::bad_alloc", daemon.err.text())
 

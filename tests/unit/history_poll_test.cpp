@@ -21,7 +21,7 @@ using sim::Behaviour;
 using States = std::vector<std::pair<int, int>>;
 
 constexpr char kEmptyAnswer[] = "{\"d\":[]}";
-constexpr size_t kMostBody = size_t{64} << 20;
+constexpr size_t kMostBody = size_t{16} << 20;
 
 // ---------------------------------------------------------------------------------------------------------------
 // The request and the write callback
@@ -316,12 +316,20 @@ TEST_F(HistoryPoll, ARedirectionWithoutEndIsGivenUp) {
     expectFailure("Number of redirects hit maximum amount");
 }
 
+TEST_F(HistoryPoll, AnAnswerOfTheBoundIsTaken) {
+    const std::string answer = kEmptyAnswer + std::string(kMostBody - sizeof kEmptyAnswer + 1, ' ');
+    behave(Behaviour::kRaw, answer);
+    const Outputs outputs = poll();
+    EXPECT_TRUE(outputs.out == "JSON : " + answer + "\n");
+    EXPECT_EQ(outputs.err, "");
+}
+
 TEST_F(HistoryPoll, AnAnswerBeyondTheBoundIsGivenUpAndDropped) {
-    behave(Behaviour::kRaw, std::string(kMostBody + (8U << 20), ' '));
+    behave(Behaviour::kRaw, std::string(kMostBody + 1, ' '));
     const Outputs outputs = poll();
     EXPECT_EQ(outputs.out, "");
     EXPECT_EQ(outputs.err, failure("Operation was aborted by an application callback") +
-                               "history answer of more than 67108864 bytes dropped\n");
+                               "history answer of more than 16777216 bytes dropped\n");
     behave(Behaviour::kNormal);
     EXPECT_EQ(poll().out, std::string("JSON : ") + kEmptyAnswer + "\n");
 }
