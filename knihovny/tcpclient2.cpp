@@ -91,6 +91,7 @@ bool TcpClient2::Connect() {
         socket_ = socket;
     }
     last_activity = MonotonicTime();
+    hang_up_ = false;
     connected = 1;
     OnConnect();
     Start(0);
@@ -224,6 +225,10 @@ void TcpClient2::endReading(const char* reason) {
     Exit();
 }
 
+std::string TcpClient2::ServerName() const {
+    return server_address + ":" + std::to_string(port);
+}
+
 std::string TcpClient2::Read() {
     char buffer[kBlock + 1];
     int result = 0;
@@ -233,12 +238,14 @@ std::string TcpClient2::Read() {
         result = socket ? _SockRead3(socket->get(), buffer, kBlock) : 0;
         AfterRead(result, buffer);
     }
+    if (hang_up_) endReading("hung up by a hook ");
     if (result == 0 && silentTooLong()) endReading("bToutElapsad ");
     if (result == kSockFailed) endReading("resread == -1 ");
     if (result == kSockPeerClosed) endReading("resread == -3 ");
     if (result < 1) return "";
     last_activity = MonotonicTime();
     deliver(result, buffer);
+    if (hang_up_) endReading("hung up by a hook ");
     return std::string(buffer, static_cast<size_t>(result));
 }
 

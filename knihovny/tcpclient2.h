@@ -85,6 +85,14 @@ class TcpClient2 : public virtual Thread3 {
     // the reading thread or in Disconnect. Must not call the client's other functions.
     virtual void OnDisconnect();
 
+    // For a hook of the reading thread: ends the connection, and the thread with it, when AfterRead calls
+    // this as soon as it returns (what was read is not delivered any more), else behind the last hook of the
+    // received block. OnDisconnect follows, and the next send connects anew.
+    void HangUp() { hang_up_ = true; }
+
+    // The server's address and port: "127.0.0.1:502". For hooks, and for what may call Init.
+    std::string ServerName() const;
+
     // One read of the reading thread: what was received, empty when nothing came. Ends the thread with the
     // connection.
     std::string Read() EXCLUDES(socket_mutex_);
@@ -110,7 +118,8 @@ class TcpClient2 : public virtual Thread3 {
     std::atomic<int> connected{0};
     int port = 502;
     std::string server_address = "127.0.0.1";
-    timeval last_activity{};  // written before the reading thread begins, then by it
+    timeval last_activity{};  // this and the next: written before the reading thread begins, then by it
+    bool hang_up_ = false;
 
     // Lock order: connect, then socket; send, then socket.
     Mutex send_mutex_;     // one transfer at a time

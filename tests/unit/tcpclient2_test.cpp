@@ -409,6 +409,55 @@ TEST_F(TcpClient2Test, AServerThatNeverReadsBlocksASendForThreeSeconds) {
     EXPECT_EQ(client.Send(much), -2);
 }
 
+// Hangs up in a hook.
+class HangingUp : public Client {
+  public:
+    ~HangingUp() { Disconnect(); }
+    std::atomic<bool> in_after_read{false};
+    std::atomic<bool> in_bytes{false};
+
+  protected:
+    void AfterRead(int result, char* buffer) override {
+        Client::AfterRead(result, buffer);
+        if (in_after_read && result > 0) HangUp();
+    }
+    void ZpracujByte(unsigned char byte) override {
+        Client::ZpracujByte(byte);
+        if (in_bytes) HangUp();
+    }
+    using Client::ZpracujByte;
+};
+
+TEST_F(TcpClient2Test, AHookBehindAReadEndsTheConnectionBeforeThatIsDelivered) {
+    HangingUp client;
+    connect(client);
+    client.in_after_read = true;
+    for (int i = 0; i < 2; ++i) {
+        sendToClient("lost");
+        client.waitForEnd();
+        client.in_after_read = i == 0;
+        hangUp();
+        EXPECT_EQ(client.Send("again"), 5);
+        acceptClient();
+        EXPECT_EQ(receive(5), "again");
+    }
+    EXPECT_EQ(client.calls(),
+              (Calls{"connect", "read 4", "disconnect", "connect", "read 4", "disconnect", "connect"}));
+    EXPECT_EQ(client.received(), "");
+    EXPECT_EQ(output(), "");
+}
+
+TEST_F(TcpClient2Test, AHookOfAByteEndsTheConnectionBehindTheBlock) {
+    HangingUp client;
+    client.in_bytes = true;
+    connect(client);
+    sendToClient("AB");
+    EXPECT_EQ(receive(1), "");
+    client.waitForEnd();
+    EXPECT_EQ(client.calls(), (Calls{"connect", "read 2", "packet 2 then 0", "packet AB", "text A then 0",
+                                     "byte 65", "text B then 0", "byte 66", "disconnect"}));
+}
+
 TEST_F(TcpClient2Test, SendsOfSeveralThreadsAreNotMixed) {
     constexpr size_t kLength = 100000;
     listenNow();
