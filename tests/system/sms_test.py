@@ -600,6 +600,27 @@ class ServerLine(sms_plant.SmsTest):
         self.daemon.out.wait('JSON : {"d":[]}')
         self.assertNotIn('{"id":', self.daemon.out.text())
 
+    def test_a_line_that_is_trickled_without_an_end_goes_after_a_minute_and_the_polls_go_on(self):
+        self.start_all()
+        self.acknowledge(12)
+        self.sim.command(push='{"d":', newline=False)
+        begin = time.monotonic()
+        told = "alarmd: a line from 127.0.0.1:11010 is unfinished after 60 s: dropped with its connection"
+        while not self.daemon.err.count(told):
+            self.assertLess(time.monotonic() - begin, 60 + plant.PATIENCE)
+            try:
+                self.sim.command(push=" ", newline=False)
+            except AssertionError:
+                break  # no client is connected any more
+            time.sleep(1)
+        self.daemon.err.wait(told)
+        self.assertGreater(time.monotonic() - begin, 59)
+        self.sim.wait_polls(2)
+        self.acknowledge(12, 13)
+        self.assertEqual(self.sim.command(query="state")["tcp_connections"], 2)
+        self.assertEqual(self.daemon.err.count(told), 1)
+        self.assertNotIn('{"d": ', self.daemon.out.text())
+
     def test_half_a_line_and_a_close_do_not_stop_the_polls(self):
         self.start_all()
         self.acknowledge(12)
