@@ -96,6 +96,44 @@ class Protocols(requests_plant.RequestTest):
         self.assertEqual(nginx.post(b"")[0], 502)
         self.assertEqual(nginx.post(request(55)), (200, DISABLED))
 
+    def start_named_nginx(self):
+        nginx = requests_plant.Nginx(self.path("named"), "    server_name alarms.plant.example second.plant.example;\n")
+        self.addCleanup(nginx.end)
+        return nginx
+
+    def test_through_a_web_server_its_own_names_are_answered(self):
+        self.start_alone()
+        nginx = self.start_named_nginx()
+        for name in ("localhost", "127.0.0.1", "[::1]", "alarms.plant.example", "LOCALHOST", "Alarms.Plant.Example"):
+            for host in (name, "%s:%d" % (name, nginx.port), name + ":80"):
+                self.assertEqual(nginx.post(request(56), Host=host), (200, ENABLED), host)
+                self.assertEqual(nginx.post(request(56), Host=host, Origin="http://" + host), (200, ENABLED), host)
+                self.assertEqual(nginx.post(request(55), Host=host, Origin="http://evil.example")[0], 403, host)
+        self.assertNotIn("protocol 55", self.daemon.out.text())
+
+    def test_through_a_web_server_a_request_by_a_foreign_name_is_refused(self):
+        self.start_alone()
+        nginx = self.start_named_nginx()
+        for host in ("evil.example", "evil.example:%d" % nginx.port, "127.0.0.1.evil.example", "localhost.evil.example",
+                     "evil.example:127.0.0.1", "evil.localhost", "xalarms.plant.example", "alarms.plant.example.evil.example",
+                     "second.plant.example", "0", "0.0.0.0", "[::]", "_", "-"):
+            self.assertEqual(nginx.post(request(55), Host=host)[0], 403, host)
+            # A page that has been led here by this name is, for the browser, a page of this server.
+            self.assertEqual(nginx.post(request(55), Host=host, Origin="http://" + host)[0], 403, host)
+        self.assertEqual(nginx.post(request(56)), (200, ENABLED))
+        self.assertNotIn("protocol 55", self.daemon.out.text())
+
+    def test_through_a_web_server_a_request_without_a_name_is_answered(self):
+        self.start_alone()
+        body = request(56)
+        for start in (self.start_named_nginx, self.start_nginx):
+            nginx = start()
+            with socket.create_connection(("127.0.0.1", nginx.port), plant.PATIENCE) as client:
+                client.sendall(b"POST /alarmd HTTP/1.0\r\nContent-Length: %d\r\n\r\n%s" % (len(body), body))
+                with client.makefile("rb") as answer:
+                    self.assertRegex(answer.read(), rb"^HTTP/1.1 200 (.|\r\n)*\r\n\r\n" + ENABLED + b"$")
+            nginx.end()
+
 
 class Sms(requests_plant.RequestTest):
     def test_a_message_reaches_the_modem_through_the_web_server(self):

@@ -33,6 +33,14 @@ class Page(requests_plant.RequestTest):
         self.assertEqual(nginx.headers["X-Content-Type-Options"], "nosniff")
         self.assertEqual(nginx.ask("POST", "/console/")[0], 403)
 
+    def test_the_page_opens_by_the_names_by_which_it_may_ask(self):
+        nginx = self.start_nginx()
+        for host in ("localhost", "127.0.0.1:%d" % nginx.port, "[::1]"):
+            self.assertEqual(nginx.ask("GET", "/console/", headers={"Host": host})[0], 200, host)
+        for host in ("evil.example", "evil.example:%d" % nginx.port, "localhost.evil.example"):
+            for path in ("/console/", "/console/console.js"):
+                self.assertEqual(nginx.ask("GET", path, headers={"Host": host})[0], 403, host)
+
     def test_the_page_needs_nothing_from_elsewhere_and_makes_no_html_of_data(self):
         for name in os.listdir(CONSOLE_PAGE):
             with open(os.path.join(CONSOLE_PAGE, name)) as file:
