@@ -11,7 +11,6 @@
 namespace {
 
 constexpr int kShortestLine = 6;  // bytes before the line feed
-constexpr size_t kLineEndLength = 2;
 constexpr size_t kShortestChecked = 6;
 constexpr size_t kChecksumLength = 3;  // "*" and two digits
 constexpr size_t kKindAt = 3;          // behind "$" and the talker
@@ -32,6 +31,12 @@ constexpr Kind kKinds[] = {
     {"GSA", &_gps_data::GPGSA},
 };
 
+std::string_view withoutLineEnd(std::string_view line) {
+    if (line.ends_with('\n')) line.remove_suffix(1);
+    while (line.ends_with('\r')) line.remove_suffix(1);
+    return line;
+}
+
 // The decimal number at a position, 0 when there is none.
 long numberAt(const std::string& line, size_t position) {
     return position < line.size() ? strtol(line.c_str() + position, nullptr, 10) : 0;
@@ -51,8 +56,8 @@ void storeGsv(const std::string& line, std::string_view sentence, _gps_data& sto
 }  // namespace
 
 bool NmeaAssembler::take(char byte, std::string& line) {
-    if (byte == '\n' && pocetpz_gps >= kShortestLine) {
-        const bool complete = !too_long;
+    if (byte == '\n') {
+        const bool complete = !too_long && pocetpz_gps >= kShortestLine;
         if (complete) line.assign(rcv_gps, static_cast<size_t>(pocetpz_gps)).push_back('\n');
         pocetpz_gps = 0;
         too_long = false;
@@ -67,8 +72,9 @@ bool NmeaAssembler::take(char byte, std::string& line) {
 }
 
 void storeSentence(const std::string& line, int64_t now, _gps_data& store) {
-    const std::string_view sentence(line.data(), line.size() - kLineEndLength);
-    const std::string_view kind(line.data() + kKindAt, kKindLength);
+    const std::string_view sentence = withoutLineEnd(line);
+    // Short of its line end, a line may have no kind.
+    const std::string_view kind = sentence.substr(std::min(kKindAt, sentence.size()), kKindLength);
     for (const Kind& known : kKinds) {
         if (kind == known.name) store.*known.place = sentence;
     }

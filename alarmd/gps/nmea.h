@@ -10,8 +10,8 @@
 class NmeaAssembler {
   public:
     // Takes one byte. True when it is the line feed that completes a line of at least 6 bytes before it; line
-    // then holds all of it, with its CR LF. A line feed that comes earlier becomes a part of the line. A line
-    // of more than 1023 bytes before the line feed is dropped whole.
+    // then holds all of it, with its line end. A shorter line, such as an empty one, and a line of more than
+    // 1023 bytes before the line feed are dropped whole.
     bool take(char byte, std::string& line);
 
   private:
@@ -22,10 +22,10 @@ class NmeaAssembler {
 };
 
 // Puts a complete line of one of the kinds GGA, RMC, VTG, GSA and GSV into its place in store, whatever its
-// talker (GP, GN, ...) and without its last two characters, which are CR LF; and sets store.updated to now. A
-// GSV sentence goes to the index that is its message number, and the total number of messages becomes
-// store.GPGSV_count; one with a message number outside 1 to 31 is dropped. REQUIRES: line has 7 characters or
-// more.
+// talker (GP, GN, ...) and without its line end: a line feed, and any carriage returns in front of it, since
+// receivers end lines with CR LF, with LF alone and with CR CR LF; and sets store.updated to now. A GSV
+// sentence goes to the index that is its message number, and the total number of messages becomes
+// store.GPGSV_count; one with a message number outside 1 to 31 is dropped. line may be of any length.
 void storeSentence(const std::string& line, int64_t now, _gps_data& store);
 
 // How many GSV sentences a reader is to look at, from index 1: GPGSV_count, held to what the array has room

@@ -23,11 +23,32 @@ _gps_data stored() {
     return gps_data;
 }
 
-void checkSentence(const std::string& sentence, const char* kind) {
+void checkSentence(const std::string& sentence, std::string_view kind) {
     if (sentence.empty()) return;
     MUST(sentence.size() < kLongestLine);
-    // Of a line that ends in a line feed alone, the last character is lost with it.
-    MUST(std::string_view(kind).starts_with(sentence.substr(3, 3)));
+    MUST(sentence.substr(3, 3) == kind);
+    MUST(sentence.back() != '\r' && sentence.find('\n') == std::string::npos);
+}
+
+// The last line of the kind, as a reading of whole lines finds it.
+std::string lastOf(std::string_view kind, std::string_view bytes) {
+    constexpr size_t kShortestLine = 6;
+    std::string last;
+    std::vector<std::string> lines = fuzz::parts(bytes, '\n');
+    lines.pop_back();  // without its line feed
+    for (std::string& line : lines) {
+        if (line.size() < kShortestLine || line.size() >= kLongestLine) continue;
+        line.erase(line.find_last_not_of('\r') + 1);
+        if (line.size() >= kShortestLine && line.substr(3, 3) == kind) last = line;
+    }
+    return last;
+}
+
+void checkLines(const _gps_data& store, std::string_view bytes) {
+    MUST(store.GPGGA == lastOf("GGA", bytes));
+    MUST(store.GPRMC == lastOf("RMC", bytes));
+    MUST(store.GPVTG == lastOf("VTG", bytes));
+    MUST(store.GPGSA == lastOf("GSA", bytes));
 }
 
 void checkStore(const _gps_data& store) {
@@ -91,6 +112,7 @@ FUZZ_TARGET(nmea) {
     }
     const _gps_data store = stored();
     checkStore(store);
+    checkLines(store, input);
     printGPSdata();
     MUST(fuzz::world.printed == gpsDataText(store));
     for (const std::string& line : fuzz::parts(input, '\n')) checkChecksum(line);

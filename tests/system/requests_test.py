@@ -233,6 +233,13 @@ class Notifications(requests_plant.RequestTest):
         self.wait_sms((EVE, "Asked for"))
 
 
+def with_checksum(sentence):
+    checksum = 0
+    for byte in sentence.encode():
+        checksum ^= byte
+    return "$%s*%02X" % (sentence, checksum)
+
+
 class Gps(requests_plant.RequestTest):
     def start_with_gps(self, *arguments):
         self.start_modem()
@@ -322,6 +329,21 @@ class Gps(requests_plant.RequestTest):
         self.assertEqual(json.loads(cgi_fcgi(request(52)))["s"], 1)
         self.gps.gps("normal")
         self.ask_now(53)
+
+    def test_lines_that_end_in_other_ways_and_empty_ones_between_them_are_taken(self):
+        self.start_with_gps()
+        self.ask_now(53)
+        self.gps.gps("silent")
+        told = {kind: with_checksum(sentence) for kind, sentence in (
+            ("GGA", "GNGGA,101112.00,5004.5000,N,01426.5000,E,1,05,1.1,230.0,M,44.7,M,,"),
+            ("GSA", "GNGSA,A,3,02,05,12,15,20,,,,,,,,1.6,1.1,1.3"), ("VTG", "GNVTG,17.0,T,,M,12.0,N,22.2,K,A"))}
+        told["GSV"] = [with_checksum("GPGSV,1,1,01,02,74,042,45")]
+        for end in ("\n", "\r\r\n", "\r\n\r\n", "\n\n"):
+            told["RMC"] = with_checksum("GNRMC,101112.00,A,5004.5000,N,01426.5000,E,%d.0,17.0,211126,,,A" % len(end))
+            self.gps.gps("says", text="\r\n\n" + end.join([told["GGA"], told["RMC"], told["GSA"], *told["GSV"],
+                                                                      told["VTG"], ""]))
+            plant.wait_for(lambda: cgi_fcgi(request(52)) == b"\n" + self.raw(told), "the sentences")
+            plant.wait_for(lambda: cgi_fcgi(request(53)) == b"\n" + self.parsed(told), "right checksums")
 
     def test_without_satellites_the_empty_fields_are_told(self):
         self.start_with_gps()

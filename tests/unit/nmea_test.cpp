@@ -135,21 +135,71 @@ TEST(NmeaTest, ALaterSentenceReplacesAnEarlierOne) {
     EXPECT_EQ(receiver.store.updated, 1001);
 }
 
-TEST(NmeaTest, ALineFeedWithinTheFirstSixBytesBelongsToTheLine) {
-    Receiver receiver;
-    receiver.take("$GP*1\n");
-    EXPECT_EQ(receiver.lines.size(), 0U);
-    receiver.take("$GPGGA,1*00\r\n");
-    ASSERT_EQ(receiver.lines.size(), 1U);
-    EXPECT_EQ(receiver.lines[0], "$GP*1\n$GPGGA,1*00\r\n");
-    EXPECT_TRUE(isEmpty(receiver.store));
-    receiver.take("$GPGGA,2*00\r\n");
-    EXPECT_EQ(receiver.store.GPGGA, "$GPGGA,2*00");
+TEST(NmeaTest, AShortLineIsDroppedAndDoesNotSpoilTheSentenceBehindIt) {
+    for (const char* line : {"\n", "\r\n", "\r\r\n", "$\n", "$GP*1\n", "AT\r\n", "\r\r\r\r\r\n"}) {
+        Receiver receiver;
+        receiver.take(line);
+        EXPECT_EQ(receiver.lines.size(), 0U) << line;
+        EXPECT_EQ(receiver.store.updated, 0) << line;
+        receiver.take("$GPGGA,1*00\r\n");
+        ASSERT_EQ(receiver.lines.size(), 1U) << line;
+        EXPECT_EQ(receiver.lines[0], "$GPGGA,1*00\r\n") << line;
+        EXPECT_EQ(receiver.store.GPGGA, "$GPGGA,1*00") << line;
+    }
+}
+
+TEST(NmeaTest, ASentenceEndsAtItsChecksumWhateverEndsTheLine) {
+    for (const char* end : {"\r\n", "\n", "\r\r\n", "\r\r\r\n"}) {
+        const _gps_data store = storeAfter(std::string(kGga) + end + "$GPGSV,1,1,5*00" + end);
+        EXPECT_EQ(store.GPGGA, kGga);
+        EXPECT_EQ(checked(store.GPGGA), 1);
+        EXPECT_EQ(store.GPGSV[1], "$GPGSV,1,1,5*00");
+        EXPECT_EQ(store.GPGSV_count, 1);
+    }
+}
+
+TEST(NmeaTest, ACarriageReturnWithinALineBelongsToIt) {
+    EXPECT_EQ(storeAfter("$GPGGA\r,1*00\r\n").GPGGA, "$GPGGA\r,1*00");
+    EXPECT_TRUE(isEmpty(storeAfter("\r$GPGGA,1*00\r\n")));
 }
 
 TEST(NmeaTest, SixBytesBeforeTheLineFeedAreALine) {
-    EXPECT_EQ(storeAfter("$GPGGA\n").GPGGA, "$GPGG");
+    EXPECT_EQ(storeAfter("$GPGGA\n").GPGGA, "$GPGGA");
     EXPECT_EQ(storeAfter("$GPGGA\r\n").GPGGA, "$GPGGA");
+}
+
+// Their kind is read from what is left of them.
+TEST(NmeaTest, OfLinesThatAreShortWithoutTheirCarriageReturnsOnlyTheTimeIsNoted) {
+    for (const char* line : {"$GPGG\r\n", "$GPG\r\r\n", "$GP\r\r\r\n", "$\r\r\r\r\r\n", "\r\r\r\r\r\r\n",
+                             "$GPGSV\r\n", "$GPGSV,1\n", "$GPGSV,1,\n", "$GPGSV,1,\r\n"}) {
+        const _gps_data store = storeAfter(line);
+        EXPECT_TRUE(isEmpty(store)) << line;
+        EXPECT_EQ(store.updated, 1000) << line;
+    }
+    for (const char* line : {"", "\n", "\r", "$", "$GP", "$GPGSV", "$GPGSV,1,"}) {
+        _gps_data store;
+        storeSentence(line, 1000, store);
+        EXPECT_TRUE(isEmpty(store)) << line;
+    }
+}
+
+TEST(NmeaTest, AReceiverThatGreetsWithTextAndEmptyLines) {
+    Receiver receiver;
+    receiver.take("\r\n\r\nOK\r\n\r\n$GNTXT,01,01,02,BOOT 1.30*79\r\n$PTXT,01*25\r\n\r\n");
+    EXPECT_TRUE(isEmpty(receiver.store));
+    receiver.take("$GNTXT,01,01,02,ANTSTATUS=OK*25\r\r\n\r\r\n$GPGGA,,,,,,0,,,,,,,,*66\r\r\n");
+    EXPECT_EQ(receiver.store.GPGGA, "$GPGGA,,,,,,0,,,,,,,,*66");
+    EXPECT_EQ(checked(receiver.store.GPGGA), 1);
+}
+
+TEST(NmeaTest, AReceiverWhoseLinesEndWithALineFeedAlone) {
+    const std::string bytes = "\n" + std::string(kGga) +
+                              "\n\n$GPRMC,123519,A,4807.038,N,01131.000,E,022.4,084.4,230394,003.1,W*6A\n"
+                              "$GPGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1*39\n$GPVTG,,,,,,,,,N*30\n";
+    const _gps_data store = storeAfter(bytes);
+    EXPECT_EQ(store.GPGGA, kGga);
+    for (const std::string* sentence : {&store.GPGGA, &store.GPRMC, &store.GPGSA, &store.GPVTG})
+        EXPECT_EQ(checked(*sentence), 1) << *sentence;
 }
 
 TEST(NmeaTest, ALineOf1023BytesIsTakenAndALongerOneDroppedWhole) {
@@ -240,6 +290,24 @@ TEST(NmeaFixtureTest, AReceiverFromItsColdStartOn) {
     EXPECT_EQ(store.GPGSV[2], lastLine(bytes, "$GPGSV,3,2"));
     EXPECT_EQ(store.GPGSV[3], "$GPGSV,3,3,11,26,59,246,43,29,16,357,31,30,76,034,37*48");
     EXPECT_EQ(store.GPGSV[4], "");
+}
+
+// The recording, with the other line ends that receivers make.
+TEST(NmeaFixtureTest, LineEndsAndEmptyLinesMakeNoDifference) {
+    const std::string bytes = fixture("multi_system.nmea");
+    const _gps_data wanted = storeAfter(bytes);
+    ASSERT_EQ(wanted.GPGSV_count, 2);
+    for (const std::string_view end : {"\n", "\r\r\n", "\r\n\r\n", "\n\n"}) {
+        std::string others;
+        for (const char byte : bytes) {
+            if (byte == '\n') {
+                others += end;
+            } else if (byte != '\r') {
+                others += byte;
+            }
+        }
+        EXPECT_EQ(gpsDataText(storeAfter(others)), gpsDataText(wanted));
+    }
 }
 
 TEST(NmeaFixtureTest, OfSeveralSystemsTheLastSeriesCounts) {
