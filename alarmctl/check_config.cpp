@@ -1,10 +1,12 @@
 #include "alarmctl/check_config.h"
 
-#include <sys/stat.h>
+#include <pwd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <filesystem>
 #include <map>
 #include <sstream>
 #include <string_view>
@@ -21,6 +23,8 @@ namespace {
 constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 constexpr std::array<std::string_view, 4> kMainKeys = {"pFolder", "http_port", "https_port", "binFolder"};
 constexpr int kHighestPort = 65535;
+constexpr char kServiceUser[] = "korvato";
+constexpr char kServiceFolder[] = "/etc/korvato";
 
 struct Line {
     size_t number;
@@ -218,6 +222,50 @@ void checkSender(const std::vector<Line>& lines, Findings& findings) {
                      why + ": the mails name no sender");
 }
 
+bool liesInServiceFolder(const std::string& path) {
+    std::error_code error;
+    const auto file = std::filesystem::absolute(path, error);
+    return !error && std::filesystem::canonical(file.parent_path(), error) == kServiceFolder;
+}
+
+// Who the mail client runs as: whoever checks his own files, but for root the service's user, when it is the
+// service's file. Root, when that is not known.
+uid_t mailClientUser() {
+    const uid_t self = geteuid();
+    if (self != 0 || !liesInServiceFolder(msmtp_conf_file)) return self;
+    const passwd* service = getpwnam(kServiceUser);
+    return service == nullptr ? self : service->pw_uid;
+}
+
+std::string userName(uid_t id) {
+    const passwd* entry = getpwuid(id);
+    return entry == nullptr ? std::to_string(id) : entry->pw_name;
+}
+
+void checkPasswordFile(Findings& findings) {
+    constexpr mode_t kOthers = 077;
+    const Place place{msmtp_conf_file};
+    struct stat info;
+    if (stat(msmtp_conf_file.c_str(), &info) != 0) return;
+    const uid_t reader = mailClientUser();
+    const std::string refusal = passwordFileRefusal(info, reader);
+    const std::string said = ": the mail client refuses every mail (\"" + refusal + "\"); ";
+    const std::string mend = "chmod 600 " + msmtp_conf_file;
+    if (!refusal.empty() && info.st_uid != reader) {
+        findings.error(place, "foreign-owner",
+                       "holds a password and belongs to " + userName(info.st_uid) + ", not to " +
+                           userName(reader) + said + "chown " + userName(reader) + " " + msmtp_conf_file +
+                           " && " + mend);
+    } else if (!refusal.empty()) {
+        findings.error(place, "open-permissions",
+                       "holds a password and has rights beyond its owner's to read and write" + said + mend);
+    } else if (reader == 0 && (info.st_mode & kOthers) != 0) {
+        findings.error(place, "open-permissions",
+                       "holds a password and others have rights to it: the mail client refuses every mail, "
+                       "unless it runs as root (chmod 600)");
+    }
+}
+
 void checkMailClientFile(Findings& findings) {
     std::vector<Line> lines;
     if (!readLines(msmtp_conf_file, Severity::kError, "no mail is sent", findings, lines)) return;
@@ -226,16 +274,23 @@ void checkMailClientFile(Findings& findings) {
         findings.error({msmtp_conf_file}, "no-account",
                        "there is no account \"korvato\": the mail client refuses every mail");
     }
-    struct stat info;
-    constexpr mode_t kOthers = 077;
-    if (holdsPassword(lines) && stat(msmtp_conf_file.c_str(), &info) == 0 && (info.st_mode & kOthers) != 0) {
-        findings.error({msmtp_conf_file}, "open-permissions",
-                       "holds a password and others have rights to it: the mail client refuses every mail, "
-                       "unless it runs as root (chmod 600)");
-    }
+    if (holdsPassword(lines)) checkPasswordFile(findings);
 }
 
 }  // namespace
+
+std::string passwordFileRefusal(const struct stat& file, uid_t reader) {
+    constexpr mode_t kReadByOthers = 044;
+    constexpr mode_t kMoreThanReadAndWrite = 0177;
+    if (reader == 0) return "";
+    if (file.st_uid != reader) {
+        return (file.st_mode & kReadByOthers) == 0 ? "Permission denied"
+                                                   : "contains secrets and therefore must be owned by you";
+    }
+    if ((file.st_mode & kMoreThanReadAndWrite) != 0)
+        return "contains secrets and therefore must have no more than user read/write permissions";
+    return "";
+}
 
 bool mainFileIsReadable(Findings& findings) {
     std::vector<Line> lines;

@@ -2,7 +2,9 @@
 
 import json
 import os
+import pwd
 import re
+import shutil
 import signal
 import subprocess
 import time
@@ -93,6 +95,77 @@ class AlarmctlProjectTest(plant.PlantTest):
         self.write_settings("{")
         _, report = self.check()
         self.assertIn(("settings.json", 1, "not-json"), self.found(report))
+
+    def owner_findings(self, report):
+        return [(finding["code"], finding["text"]) for finding in report["findings"]
+                if finding["code"] in ("foreign-owner", "open-permissions")]
+
+    def test_root_is_told_when_the_services_user_cannot_use_the_password(self):
+        if os.environ.get("KORVATO_WORLD") != "private":
+            self.skipTest("only a private world has users of its own")
+        self.project()
+        with open("/etc/passwd") as file:
+            users = file.read()
+        os.rename("/etc/passwd", "/etc/passwd.kept")  # this world's link to the machine's
+        self.addCleanup(os.rename, "/etc/passwd.kept", "/etc/passwd")
+        with open("/etc/passwd", "w") as file:
+            file.write("korvato:x:54321:54321::/nowhere:/usr/sbin/nologin\n" + users)
+        path = "/etc/korvato/msmtp.conf"
+        self.addCleanup(os.unlink, path)
+        self.write(path, "account korvato\nfrom a@b.example\npassword secret\n")
+        os.chmod(path, 0o640)
+        mend = "chown korvato %s && chmod 600 %s" % (path, path)
+        wanted = [("foreign-owner", "holds a password and belongs to root, not to korvato: the mail client refuses every mail "
+                   '("contains secrets and therefore must be owned by you"); ' + mend)]
+        status, report = self.check("-m", path)
+        self.assertEqual((status, self.owner_findings(report)), (2, wanted))
+        os.chmod(path, 0o600)
+        self.assertIn('("Permission denied"); ' + mend, self.owner_findings(self.check("-m", path)[1])[0][1])
+        # Elsewhere it is not the service's, and root's own mail client does not care.
+        self.write("msmtp.conf", "account korvato\nfrom a@b.example\npassword secret\n")
+        os.chmod(self.path("msmtp.conf"), 0o600)
+        self.assertEqual(self.owner_findings(self.check()[1]), [])
+        self.write(path, "account korvato\nfrom a@b.example\npasswordeval echo secret\n")
+        self.assertEqual(self.owner_findings(self.check("-m", path)[1]), [])
+
+        self.write(path, "account korvato\nfrom a@b.example\npassword secret\n")
+        try:
+            os.chown(path, 54321, 54321)
+        except OSError:
+            return  # a plain user's world has no other users
+        self.assertEqual(self.owner_findings(self.check("-m", path)[1]), [])
+        os.chmod(path, 0o640)
+        self.assertEqual(self.owner_findings(self.check("-m", path)[1]), [
+            ("open-permissions", "holds a password and has rights beyond its owner's to read and write: the mail client refuses "
+             'every mail ("contains secrets and therefore must have no more than user read/write permissions"); chmod 600 '
+             + path)])
+
+    def test_a_plain_user_is_told_when_a_file_with_a_password_is_not_his(self):
+        self.project()
+        self.write("msmtp.conf", "account korvato\nfrom a@b.example\npassword secret\n")
+        os.chmod(self.folder, 0o755)
+        os.chmod(self.path("msmtp.conf"), 0o644)
+        program = shutil.copy(ALARMCTL, self.path("alarmctl"))  # where any user gets at it
+        nobody = pwd.getpwnam("nobody").pw_uid
+
+        def check():
+            done = subprocess.run([program, "check", "--json", "--files-only"], capture_output=True, cwd=self.folder,
+                                  timeout=plant.PATIENCE, user=nobody)
+            return self.owner_findings(json.loads(done.stdout))
+
+        try:
+            os.chown(self.path("msmtp.conf"), nobody, -1)
+            os.chown(self.path("msmtp.conf"), 0, -1)
+            found = check()
+        except OSError:
+            self.skipTest("a plain user's world has no other users")
+        self.assertEqual(found, [
+            ("foreign-owner", "holds a password and belongs to root, not to nobody: the mail client refuses every mail "
+             '("contains secrets and therefore must be owned by you"); chown nobody msmtp.conf && chmod 600 msmtp.conf')])
+        os.chown(self.path("msmtp.conf"), nobody, -1)
+        self.assertEqual([code for code, _ in check()], ["open-permissions"])
+        os.chmod(self.path("msmtp.conf"), 0o600)
+        self.assertEqual(check(), [])
 
     def test_faults_of_a_json_project_are_told_with_their_elements(self):
         user = {"id": 1, "level": 1, "name": "Jan", "mail": "jan@plant.example", "tel": "+420601000001", "language": "cs"}

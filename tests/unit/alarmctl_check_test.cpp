@@ -1,4 +1,5 @@
 #include "alarmctl/check.h"
+#include "alarmctl/check_config.h"
 #include "alarmctl/check_contacts.h"
 #include "alarmctl/check_loaders.h"
 #include "tests/unit/project_files.h"
@@ -35,6 +36,34 @@ TEST(CheckContactsTest, KnowsInternationalNumbers) {
     for (const char* number : {"", "+", "601000001", "00420601000001", "+420 601 000 001", "+042060100000",
                                "+123456", "+1234567890123456", "+42060100000a"})
         EXPECT_FALSE(isInternationalNumber(number)) << number;
+}
+
+TEST(PasswordFileTest, OnlyItsOwnersReadingAndWritingIsTaken) {
+    constexpr uid_t kRoot = 0, kService = 990, kOther = 1000;
+    constexpr char kOwned[] = "contains secrets and therefore must be owned by you";
+    constexpr char kRights[] =
+        "contains secrets and therefore must have no more than user read/write permissions";
+    struct Row {
+        uid_t owner;
+        mode_t mode;
+        uid_t user;
+        const char* refusal;
+    };
+    const Row rows[] = {
+        {kService, 0600, kService, ""},      {kService, 0400, kService, ""},
+        {kService, 0640, kService, kRights}, {kService, 0604, kService, kRights},
+        {kService, 0620, kService, kRights}, {kService, 0700, kService, kRights},
+        {kRoot, 0640, kService, kOwned},     {kRoot, 0600, kService, "Permission denied"},
+        {kOther, 0644, kService, kOwned},    {kService, 0600, kOther, "Permission denied"},
+        {kService, 0666, kRoot, ""},
+    };
+    for (const Row& row : rows) {
+        struct stat file = {};
+        file.st_uid = row.owner;
+        file.st_mode = S_IFREG | row.mode;
+        EXPECT_EQ(passwordFileRefusal(file, row.user), row.refusal)
+            << row.owner << " " << std::oct << row.mode;
+    }
 }
 
 // The daemon's files in a folder of their own.
