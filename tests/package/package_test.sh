@@ -50,6 +50,16 @@ active() { inside systemctl is-active --quiet alarmd; }
 status_of() { inside sh -c "sed -n 's/^$1:[[:space:]]*//p' /proc/\$(systemctl show -P MainPID alarmd)/status"; }
 daemon_user() { inside sh -c 'id -nu $(stat -c %u /proc/$(systemctl show -P MainPID alarmd))'; }
 
+owner_of() { inside stat -c %U:%G:%a "$1"; }
+alarmctl_check() {
+    inside alarmctl check -c /etc/korvato/korvato.conf -m /etc/korvato/msmtp.conf -s /etc/korvato/sms.conf >"$folder/check.log" 2>&1
+}
+# As the package manager does it, with what systemd would be told left out. The version that was configured before, if any.
+configure_again() {
+    inside unshare --mount sh -c 'mount -t tmpfs none /run/systemd &&
+        exec /var/lib/dpkg/info/korvato-alarmd.postinst configure "$1"' sh "$1"
+}
+
 use_it() {
     local plant="env LD_LIBRARY_PATH=/korvato-test/lib" main
     check "it runs after the installation" waits_for active
@@ -60,35 +70,80 @@ use_it() {
     check "it cannot gain rights" [ "$(status_of NoNewPrivs)" = 1 ]
     check "it has no capability" [ "$(status_of CapBnd)" = 0000000000000000 ]
     check "its system calls are filtered" [ "$(status_of Seccomp)" = 2 ]
-    check "nobody else reads the mail password" [ "$(inside stat -c %U:%G:%a /etc/korvato/msmtp.conf)" = root:korvato:640 ]
+    check "the file with the mail password is its own, and nobody else reads it" [ "$(owner_of /etc/korvato/msmtp.conf)" = korvato:korvato:600 ]
+    check "it may read the project and not write it" [ "$(owner_of /var/lib/korvato/project)" = root:korvato:750 ]
+    check "its folder is its own" [ "$(owner_of /var/lib/korvato)" = korvato:korvato:750 ]
     main=$(inside systemctl show -P MainPID alarmd)
     inside systemctl kill -s USR1 alarmd
     restarted() { active && [ "$(inside systemctl show -P MainPID alarmd)" != "$main" ]; }
     check "SIGUSR1 makes the supervisor start it anew" waits_for restarted
 
-    # A plant around it: the example project, the simulated server and modem, a real SMTP server.
+    # A plant around it: the example project, the simulated server and modem, a real SMTP server that asks for a password.
     inside sh -c 'cp /usr/share/doc/korvato-alarmd/examples/*.json /var/lib/korvato/project/
         sed "s/\"gps_enable\": true/\"gps_enable\": false/" /usr/share/doc/korvato-alarmd/examples/settings.json \
             >/etc/korvato/settings.json
         sed -i "s/^https_port .*/https_port 8443/" /etc/korvato/korvato.conf
-        sed -i "s/^port .*/port 2525/; s/^host .*/host 127.0.0.1/" /etc/korvato/msmtp.conf'
+        sed -i "s/^port .*/port 2525/; s/^host .*/host 127.0.0.1/; s/^auth .*/auth plain\nuser plant\npassword of-the-plant/" \
+            /etc/korvato/msmtp.conf'
     rm -rf "$folder/mailbox"
-    nsenter -t "$INIT" -n /usr/bin/python3 -m aiosmtpd -n -c aiosmtpd.handlers.Mailbox "$folder/mailbox" \
-        -l 127.0.0.1:2525 >/dev/null 2>&1 &
+    nsenter -t "$INIT" -n /usr/bin/python3 -B tests/package/smtp_server.py "$folder/mailbox" 2525 plant of-the-plant \
+        >"$folder/smtp.log" 2>&1 &
+    waits_for grep -qsx ready "$folder/smtp.log"
+    # The step of the README, to the letter.
+    inside sh -c "$(sed -n "s/^ *\(cd .* -t you@example.com\)$/\1/p" README.md)" >"$folder/test_mail.log" 2>&1
+    check "the README's test mail goes out with the password" waits_for grep -rqs "^To: you@example.com" "$folder/mailbox/new"
     inside $plant /korvato-test/bin/gsm-modem-sim --events --link /dev/ttyModem2 >"$folder/modem.log" 2>&1 &
     waits_for inside test -e /dev/ttyModem2
     inside sh -c 'chgrp dialout $(readlink -f /dev/ttyModem2) && chmod 660 $(readlink -f /dev/ttyModem2)'
-    inside alarmctl check -c /etc/korvato/korvato.conf -m /etc/korvato/msmtp.conf -s /etc/korvato/sms.conf >"$folder/check.log" 2>&1
+    alarmctl_check
     check "alarmctl finds no error in the example plant" [ $? -lt 2 ]
     inside systemctl restart alarmd
     check "it opens the modem under the unit's rules" waits_for said "MODEM INITIALIZATION SUCCESSFULL"
     inside sh -c "cd /var/lib/korvato/project && exec $plant /korvato-test/bin/korvato-server-sim --events --port 8443 \
         --scenario /usr/share/doc/korvato-alarmd/examples/scenario.json" >"$folder/server.log" 2>&1 &
-    check "a mail goes through msmtp under the unit's rules" waits_for grep -rqs "Výpadek plamene" "$folder/mailbox/new"
+    check "a mail goes through msmtp, with the password, under the unit's rules" waits_for grep -rqs "Výpadek plamene" "$folder/mailbox/new"
     check "an SMS goes out" waits_for grep -qs "sms to +420601000001: (ACT)" "$folder/modem.log"
     check "alarmctl reaches it" inside alarmctl status
     check "manual pages are there" inside test -e /usr/share/man/man8/alarmd.8.gz -a -e /usr/share/man/man1/alarmctl.1.gz \
         -a -e /usr/share/man/man5/korvato.conf.5.gz
+}
+
+# Who the mail client's file belongs to after upgrades.
+upgrade_it() {
+    inside sh -c 'chown root:korvato /etc/korvato/msmtp.conf && chmod 640 /etc/korvato/msmtp.conf'
+    alarmctl_check
+    check "alarmctl tells that the password cannot be used, and what mends it" grep -q \
+        'msmtp.conf: error: .* belongs to root, not to korvato: .*"); chown korvato /etc/korvato/msmtp.conf && chmod 600 ' "$folder/check.log"
+    check "it can be installed over itself" inside dpkg -i --force-confdef "/korvato-test/$package"
+    check "the owner that an earlier package gave is mended" [ "$(owner_of /etc/korvato/msmtp.conf)" = korvato:korvato:600 ]
+    check "what was configured stays" inside grep -q '^https_port 8443' /etc/korvato/korvato.conf
+    check "it runs after that" waits_for active
+    inside sh -c 'chown root:dialout /etc/korvato/msmtp.conf && chmod 644 /etc/korvato/msmtp.conf'
+    check "it can be configured anew" configure_again 1.0.0
+    check "the owner that an administrator has chosen stays" [ "$(owner_of /etc/korvato/msmtp.conf)" = root:dialout:644 ]
+}
+
+# A process of the user korvato puts a link to a file of root's into the place of the project all the time, while the
+# package is configured: over an installation, over what was there before one, and for the first time.
+attack_it() {
+    local attacker round configured=0
+    inside sh -c 'echo secret >/korvato-test/victim && chmod 600 /korvato-test/victim'
+    cp tests/package/swap_project.pl "$folder/root/korvato-test/"
+    inside setpriv --reuid=korvato --regid=korvato --clear-groups --no-new-privs \
+        perl /korvato-test/swap_project.pl /korvato-test/victim /korvato-test/end >"$folder/attack.log" 2>&1 &
+    attacker=$!
+    for round in $(seq 20); do
+        configure_again 1.0.0 && configure_again "" && inside mv /var/lib/korvato "/korvato-test/state.$round" &&
+            configure_again "" && configured=$((configured + 1))
+    done
+    inside touch /korvato-test/end
+    wait $attacker
+    check "the package is configured although korvato interferes" [ "$configured" = 20 ]
+    check "korvato has interfered" grep -q "^[1-9][0-9]* folders were taken" "$folder/attack.log"
+    check "korvato was not given what is root's" [ "$(owner_of /korvato-test/victim)" = root:root:600 ]
+    inside rm -rf /var/lib/korvato/project
+    check "it can be configured without a project" configure_again 1.0.0
+    check "a project that was removed is not made again" not inside test -e /var/lib/korvato/project
 }
 
 part_inside() {
@@ -96,9 +151,8 @@ part_inside() {
     before=$(snapshot)
     check "it can be installed" inside env DEBIAN_FRONTEND=noninteractive dpkg -i "/korvato-test/$package"
     use_it
-    check "it can be installed over itself" inside dpkg -i --force-confdef "/korvato-test/$package"
-    check "what was configured stays" inside grep -q '^https_port 8443' /etc/korvato/korvato.conf
-    check "it runs after that" waits_for active
+    upgrade_it
+    attack_it
     check "it can be removed" inside dpkg -r korvato-alarmd
     check "it has stopped" not inside pgrep -x alarmd
     check "its configuration is kept" inside test -e /etc/korvato/korvato.conf
