@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <ctime>
 #include <memory>
 
@@ -51,7 +50,6 @@ void openStandardDescriptors() {
         fd = open("/dev/null", O_RDWR);
     } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0) close(fd);
-    setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
 
 void startSmsThread() {
@@ -164,7 +162,6 @@ void stop() {
 // still use.
 [[noreturn]] void endProcess() {
     pthread_detach(th_fcgi->threadID());
-    fflush(stdout);
 #ifdef KORVATO_COVERAGE
     __gcov_dump();
 #endif

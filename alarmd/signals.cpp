@@ -11,8 +11,7 @@
 
 namespace {
 
-// stdio is out of bounds in a handler. Standard output is line-buffered, so what other threads have printed
-// is out.
+// The log is out of bounds in a handler: the thread below may have its turn there.
 void writeOut(const char* text, size_t length) {
     const int saved_errno = errno;
     [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, text, length);

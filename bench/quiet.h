@@ -28,6 +28,3 @@ class Quiet {
   private:
     int saved_;
 };
-
-// Line-buffered whatever it is connected to, as the daemon has it.
-inline const bool kLineBuffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ) == 0;

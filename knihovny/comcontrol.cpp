@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "knihovny/debugerror.h"
@@ -220,7 +219,6 @@ bool ComControl::OpenPort() {
     if (device->get() == kClosed) {
         fd = kClosed;
         systemLog(kIdentity, ("DBG: OpenPort: Unable to open" + settings.device + "\n").c_str());
-        fflush(stdout);
         return false;
     }
     fcntl(device->get(), F_SETFL, 0);

@@ -1,17 +1,28 @@
 #include "knihovny/debugerror.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <cstdio>
+
+#include "knihovny/log_stream.h"
+
+namespace {
+
+LogStream output(STDOUT_FILENO);
+LogStream errors(STDERR_FILENO);
+
+}  // namespace
 
 std::atomic<int> debug_level{0};
 
 void Print(std::string_view text) {
-    fwrite(text.data(), 1, text.size(), stdout);
+    fflush(stdout);  // what others have printed by stdio comes first
+    output.write(text);
 }
 
 void PrintError(std::string_view text) {
-    fwrite(text.data(), 1, text.size(), stderr);
+    errors.write(text);
 }
 
 void DumpError(const char* message) {

@@ -1,7 +1,7 @@
 // The console log: standard output, one call a piece of text.
 //
-// All functions may be called from any thread. Each hands its text to stdio in one call, so the text of
-// another thread never comes between.
+// All functions may be called from any thread. Each hands its text to the stream (log_stream.h) in one call,
+// so the text of another thread never comes between, and it is out when they return.
 #pragma once
 
 #include <atomic>

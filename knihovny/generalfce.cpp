@@ -233,7 +233,6 @@ void systemLog(const char* identity, const char* message) {
 
 void systemLogAndPrint(const char* identity, const char* message) {
     PrintLine(message);
-    fflush(stdout);
     systemLog(identity, message);
 }
 

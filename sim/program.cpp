@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 
 #include "knihovny/debugerror.h"
 #include "sim/local_port.h"
@@ -104,7 +103,6 @@ std::string Program::takeOption(const std::string& name, const std::optional<std
 }
 
 std::optional<int> Program::parse(int argc, char** argv) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     for (int i = 1; i < argc && !ends_; ++i) {
         const std::string argument = argv[i];
         if (!argument.starts_with("--")) {
