@@ -4,11 +4,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <ctime>
 #include <memory>
 
 #include "alarmd/alarmd.h"
 #include "alarmd/command_line.h"
+#include "alarmd/fatal.h"
 #include "alarmd/gps/gps_thread.h"
 #include "alarmd/intake/history_poll.h"
 #include "alarmd/intake/notification_queues.h"
@@ -32,6 +34,7 @@ extern "C" void __gcov_dump();  // _exit would leave the counts behind
 namespace {
 
 constexpr unsigned kLoopPauseSeconds = 5;
+constexpr std::chrono::seconds kLogPatience{5};
 constexpr int kResendIntervalSeconds = 5;
 constexpr long kSettleNanoseconds = 50000000;
 
@@ -172,6 +175,8 @@ void stop() {
 
 int main(int argc, char* argv[]) {
     openStandardDescriptors();
+    dropLogWithoutRoom(kLogPatience);
+    limitTermination(kLogPatience);
     installSignalHandlers();
     if (!parseCommandLine(argc, argv)) return 0;
     debug_level = dbglev;

@@ -1,22 +1,13 @@
 #include "alarmd/signals.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstring>
 
 #include "alarmd/alarmd.h"
+#include "knihovny/debugerror.h"
 
 namespace {
-
-// The log is out of bounds in a handler: the thread below may have its turn there.
-void writeOut(const char* text, size_t length) {
-    const int saved_errno = errno;
-    [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, text, length);
-    errno = saved_errno;
-}
 
 void requestStop() {
     konec = true;
@@ -33,13 +24,13 @@ void signalHandler(int sig) {
     memcpy(end, kTail, sizeof kTail - 1);
     end += sizeof kTail - 1;
     requestStop();
-    writeOut(line, static_cast<size_t>(end - line));
+    PrintInSignalHandler({line, static_cast<size_t>(end - line)});
 }
 
 void handlersigusr1(int /*sig*/) {
     requestStop();
     reload = true;  // behind the stop request: who sees it knows of the stop
-    writeOut("Reload", 6);
+    PrintInSignalHandler("Reload");
 }
 
 void installSignalHandlers() {

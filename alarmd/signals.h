@@ -6,7 +6,8 @@
 // all.
 void installSignalHandlers();
 
-// Writes "Interrupt signal (N) received." and raises konec, konecModem and konecGps. Async-signal-safe.
+// Writes "Interrupt signal (N) received." and raises konec, konecModem and konecGps. Async-signal-safe; it
+// waits for nobody, so the line may come a little later, or be dropped with others (knihovny/log_stream.h).
 void signalHandler(int sig);
 
 // Writes "Reload" without a newline and raises reload and the same three: a restart is left to the supervisor

@@ -1,6 +1,7 @@
 #include "knihovny/debugerror.h"
 
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +12,14 @@ namespace {
 
 LogStream output(STDOUT_FILENO);
 LogStream errors(STDERR_FILENO);
+LogStream* error_stream = &errors;  // set at the start only
+
+bool areTheSame(int one, int other) {
+    struct stat first {};
+    struct stat second {};
+    return fstat(one, &first) == 0 && fstat(other, &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
 
 }  // namespace
 
@@ -19,10 +28,22 @@ std::atomic<int> debug_level{0};
 void Print(std::string_view text) {
     fflush(stdout);  // what others have printed by stdio comes first
     output.write(text);
+    // Its own next line may be long in coming.
+    if (errors.hasDroppedLines()) errors.write({});
 }
 
 void PrintError(std::string_view text) {
-    errors.write(text);
+    error_stream->write(text);
+}
+
+void dropLogWithoutRoom(std::chrono::milliseconds limit) {
+    output.setLimit(limit);
+    errors.setLimit(limit);
+    error_stream = output.isLimited() && areTheSame(STDOUT_FILENO, STDERR_FILENO) ? &output : &errors;
+}
+
+void PrintInSignalHandler(std::string_view text) {
+    output.writeInSignalHandler(text);
 }
 
 void DumpError(const char* message) {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <charconv>
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -15,6 +16,15 @@ void Print(std::string_view text);
 
 // The same on standard error, for what the daemon complains of in one line of its own.
 void PrintError(std::string_view text);
+
+// From then on the two drop what has found no room for so long, and tell of it later (log_stream.h); 0: they
+// wait, as at first. Where both lead to the same pipe, terminal or socket, they are one stream. For the main
+// thread, before there are others.
+void dropLogWithoutRoom(std::chrono::milliseconds limit);
+
+// Print for a signal handler: up to 64 bytes, which may come a little later, or be dropped.
+// Async-signal-safe.
+void PrintInSignalHandler(std::string_view text);
 
 // Writes "ERROR: " message " , in thread " and the calling thread's numeric id, and a newline, to standard
 // output. The second form is for a failed system call; the error number is accepted and not written.

@@ -18,6 +18,7 @@
 #define PT_GUARDED_BY(x) KORVATO_TSA(pt_guarded_by(x))
 #define REQUIRES(...) KORVATO_TSA(requires_capability(__VA_ARGS__))
 #define ACQUIRE(...) KORVATO_TSA(acquire_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) KORVATO_TSA(try_acquire_capability(__VA_ARGS__))
 #define RELEASE(...) KORVATO_TSA(release_capability(__VA_ARGS__))
 #define EXCLUDES(...) KORVATO_TSA(locks_excluded(__VA_ARGS__))
 #define NO_THREAD_SAFETY_ANALYSIS KORVATO_TSA(no_thread_safety_analysis)

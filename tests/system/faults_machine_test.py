@@ -9,8 +9,9 @@ import shutil
 import signal
 import socket
 import subprocess
-import threading
+import termios
 import time
+import tty
 
 import plant
 import requests_plant
@@ -23,7 +24,8 @@ while IFS= read -r line; do
 done
 """
 F_SETPIPE_SZ = 1031
-WRITE = "1"  # number of the system call
+FILLING = b"-" * 4095 + b"\n"
+DROPPED = re.compile(r"(\d+) lines of the log dropped").fullmatch
 SYSTEM_LOG = "/dev/log"
 WALK = "--> Check Re-Send Queue"
 YEAR_2040 = 2208988800  # in seconds since the epoch, more than 31 bits hold
@@ -120,18 +122,6 @@ class MachineTest(requests_plant.RequestTest):
             self.assertEqual(member.daemon.stop()[0], 0, member.name + member.daemon.err.text()[-4000:])
 
 
-def system_calls(daemon):
-    """The numbers of the system calls that the daemon's threads are in."""
-    found = []
-    for thread in os.listdir("/proc/%d/task" % daemon.pid):
-        try:
-            with open("/proc/%d/task/%s/syscall" % (daemon.pid, thread)) as file:
-                found.append(file.read().split()[0])
-        except OSError:
-            pass  # it has ended
-    return found
-
-
 def descriptors(daemon):
     """What the daemon's descriptors are."""
     folder = "/proc/%d/fd" % daemon.pid
@@ -184,22 +174,103 @@ class Log(MachineTest):
         with open(log) as file:
             self.assertIn("Interrupt signal (15) received.", file.read().splitlines())
 
-    def test_a_log_that_is_not_read_for_a_while_costs_no_mail(self):
-        self.start_sim()
-        os.mkfifo(self.path("pipe"))
-        reader = os.open(self.path("pipe"), os.O_RDONLY | os.O_NONBLOCK)
-        fcntl.fcntl(reader, F_SETPIPE_SZ, 4096)
-        member = self.member("unread", 'exec "$@" >"%s" 2>&1' % self.path("pipe"))
-        self.wait_all_polled()
-        self.alarms(3)
-        plant.wait_for(lambda: WRITE in system_calls(member.daemon), "a full pipe")
-        self.alarms(3)
+    def full_pipe(self):
+        """A pipe that is full and that nobody reads: its path and its reading end."""
+        path = self.path("pipe")
+        os.mkfifo(path)
+        reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+        self.addCleanup(os.close, reader)
+        fcntl.fcntl(reader, F_SETPIPE_SZ, len(FILLING))
+        with open(path, "wb", buffering=0) as writer:
+            self.assertEqual(writer.write(FILLING), len(FILLING))
+        return path, reader
+
+    def start_into(self, path):
+        """Server, modem and a daemon that writes all of its log to path; alarm 14 is told by mail and SMS."""
+        self.start_server()
+        self.start_modem()
+        self.settings()
+        self.project(cas=[sms_plant.definition(14, [2], email=True)], users=sms_plant.USERS)
+        self.client = self.fake_client()
+        self.daemon = self.start_daemon(wrapper=["/bin/sh", "-c", 'exec "$@" >"%s" 2>&1' % path, "sh"])
+        self.sim.wait_polls(1)
+
+    def tell(self, state, count, text):
+        """Alarm 14 changes, which makes so many mails in all, and one SMS."""
+        self.sim.alarm(14, state)
+        self.client.wait_runs(count)
+        self.wait_sms((sms_plant.EVE, text))
+
+    def read_on(self, reader):
         os.set_blocking(reader, True)
-        with open(reader, "rb") as log:
-            threading.Thread(target=log.read, daemon=True).start()
-            self.wait_mailed()
-            self.assert_members_stop()
+        return plant.Output(open(os.dup(reader), "rb"))
+
+    def assert_goes_on(self, log, before):
+        """Behind the text before, the log goes on with the number of lost lines, and by whole lines."""
+        number, line = log.wait(DROPPED), log.wait("Interrupt signal (15) received.")
+        self.assertLess(number, line)
+        log.wait("Koncim Vlakno mail.........")
+        lost, = DROPPED(number[1]).groups()
+        self.assertGreater(int(lost), 20)
+        self.assertTrue(log.text().startswith(before + number[1] + "\n"), log.text()[:6000])
+        for text in log.texts():
+            if "-->Thread" in text:
+                self.assertRegex(text, r"^(\x1b\[0;0;3[12]m-->Thread (mail|sms) .*|\t-->Thread sms: .*)$")
+
+    def test_a_log_that_is_not_read_for_a_while_costs_no_mail(self):
+        path, reader = self.full_pipe()
+        self.start_into(path)
+        self.tell("activated", 1, "(ACT) Message 14 /ack:14")
+        log = self.read_on(reader)
+        log.wait(DROPPED)
+        self.tell("deactivated", 2, "(DEA) Message 14")
+        log.wait(sms_plant.SEND_OK)
+        self.assert_stops()
+        self.assert_goes_on(log, FILLING.decode())
+        self.assertEqual((self.client.runs(), len(self.modem.sms())), (2, 2))
+
+    def test_a_log_that_is_not_read_does_not_hold_the_stop(self):
+        path, reader = self.full_pipe()
+        self.start_into(path)
+        self.tell("activated", 1, "(ACT) Message 14 /ack:14")
+        self.assert_stops()
+        self.assertEqual(os.read(reader, 65536), FILLING)
+
+    def test_a_terminal_that_was_stopped_costs_no_mail(self):
+        terminal, own = os.openpty()
+        self.addCleanup(os.close, terminal)
+        tty.setraw(own)
+        termios.tcflow(own, termios.TCOOFF)
+        self.start_into(os.ttyname(own))
+        self.tell("activated", 1, "(ACT) Message 14 /ack:14")
+        termios.tcflow(own, termios.TCOON)
+        log = self.read_on(terminal)
+        log.wait(DROPPED)
+        termios.tcflow(own, termios.TCOOFF)
+        self.tell("deactivated", 2, "(DEA) Message 14")
+        termios.tcflow(own, termios.TCOON)
+        log.wait(DROPPED, 2)
+        self.assert_stops()
+        self.assert_goes_on(log, "")
+        os.close(own)
+
+    def test_errors_that_are_not_read_cost_no_mail_and_are_counted(self):
+        path, reader = self.full_pipe()
+        member = self.member("errors", 'exec "$@" 2>"%s"' % path)
+        member.daemon.out.wait(WALK)  # behind the first poll, which has failed
+        self.start_sim()
+        self.sim.wait_polls(2)
+        self.alarms(3)
+        self.wait_mailed()
+        errors = self.read_on(reader)
+        # No further error is needed for it.
+        errors.wait(DROPPED)
+        self.assert_members_stop()
         self.assert_each_mailed_once()
+        filling, number, end = errors.texts()
+        self.assertEqual(filling + "\n", FILLING.decode())
+        self.assertGreater(int(DROPPED(number).group(1)), 0)
+        self.assertEqual(end, "alarmd: stopping with 3 SMS queue entries unsent")
 
     def test_a_system_log_that_nobody_reads_costs_no_message(self):
         if os.environ.get("KORVATO_WORLD") != "private":

@@ -1,8 +1,11 @@
 #include "knihovny/debugerror.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <limits>
 #include <thread>
 #include <vector>
@@ -84,6 +87,78 @@ TEST(PrintErrorLine, GoesToStandardError) {
     PrintErrorLine("line ", 1);
     EXPECT_EQ(GetCapturedStderr(), "line 1\n");
     EXPECT_EQ(GetCapturedStdout(), "");
+}
+
+// Standard output and error lead to pipes, or to the same one, for the life of an object.
+class Redirected {
+  public:
+    explicit Redirected(bool same) {
+        fflush(nullptr);
+        for (int i = 0; i < 2; ++i) {
+            saved_[i] = dup(i + 1);
+            EXPECT_EQ(pipe2(pipes_[i], O_CLOEXEC), 0);
+            fcntl(pipes_[i][1], F_SETPIPE_SZ, 4096);
+            dup2(pipes_[same ? 0 : i][1], i + 1);
+        }
+        dropLogWithoutRoom(std::chrono::milliseconds(200));
+    }
+    ~Redirected() {
+        for (int i = 0; i < 2; ++i) {
+            dup2(saved_[i], i + 1);
+            close(saved_[i]);
+            close(pipes_[i][0]);
+            close(pipes_[i][1]);
+        }
+        dropLogWithoutRoom(std::chrono::milliseconds(0));
+    }
+    Redirected(const Redirected&) = delete;
+    Redirected& operator=(const Redirected&) = delete;
+
+    void fill(int descriptor) const {
+        const std::string page(4096, '-');
+        ASSERT_EQ(write(pipes_[descriptor - 1][1], page.data(), page.size()), 4096);
+    }
+    std::string read(int descriptor) const {
+        char block[8192];
+        const ssize_t length = ::read(pipes_[descriptor - 1][0], block, sizeof block);
+        return {block, static_cast<size_t>(std::max<ssize_t>(length, 0))};
+    }
+
+  private:
+    int saved_[2] = {};
+    int pipes_[2][2] = {};
+};
+
+TEST(DropLogWithoutRoom, BothStreamsInOnePipeAreOne) {
+    const Redirected both(true);
+    both.fill(1);
+    PrintErrorLine("lost");
+    PrintLine("lost");
+    PrintErrorLine("lost");
+    both.read(1);
+    PrintErrorLine("error");
+    PrintLine("line");
+    EXPECT_EQ(both.read(1), "3 lines of the log dropped\nerror\nline\n");
+}
+
+TEST(DropLogWithoutRoom, AStreamThatStandsStillDoesNotHoldTheOtherOne) {
+    const Redirected both(false);
+    both.fill(2);
+    PrintErrorLine("lost");
+    PrintLine("line");
+    EXPECT_EQ(both.read(1), "line\n");
+    both.read(2);
+    // A line on the other stream is enough to look after this one.
+    PrintLine("next");
+    EXPECT_EQ(both.read(1), "next\n");
+    EXPECT_EQ(both.read(2), "1 lines of the log dropped\n");
+    both.fill(1);
+    PrintLine("lost");
+    PrintErrorLine("error");
+    EXPECT_EQ(both.read(2), "error\n");
+    both.read(1);
+    PrintInSignalHandler("signal\n");
+    EXPECT_EQ(both.read(1), "1 lines of the log dropped\nsignal\n");
 }
 
 TEST(PrintLine, LinesOfSeveralThreadsStayWhole) {
