@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "knihovny/log_stream.h"
 
@@ -34,6 +36,13 @@ void Print(std::string_view text) {
 
 void PrintError(std::string_view text) {
     error_stream->write(text);
+}
+
+void PrintSystemError(const char* text) {
+    const int error = errno;
+    char reason[128];
+    PrintErrorLine(text, ": ", strerror_r(error, reason, sizeof reason));
+    errno = error;
 }
 
 void dropLogWithoutRoom(std::chrono::milliseconds limit) {

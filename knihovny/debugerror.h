@@ -17,6 +17,9 @@ void Print(std::string_view text);
 // The same on standard error, for what the daemon complains of in one line of its own.
 void PrintError(std::string_view text);
 
+// perror: writes text, ": ", what errno means, and a newline on standard error. Keeps errno.
+void PrintSystemError(const char* text);
+
 // From then on the two drop what has found no room for so long, and tell of it later (log_stream.h); 0: they
 // wait, as at first. Where both lead to the same pipe, terminal or socket, they are one stream. For the main
 // thread, before there are others.

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
 #include "knihovny/debugerror.h"
@@ -160,7 +159,7 @@ int TcpClient2::_FullConnect2(std::shared_ptr<Descriptor>& socket, const std::st
 }
 
 int TcpClient2::_ConnectTime2(int descriptor, const sockaddr_in& server, int seconds, int microseconds) {
-    if (fcntl(descriptor, F_SETFL, O_NONBLOCK) == -1) perror("Nelze nastavit NONBLOCK ...");
+    if (fcntl(descriptor, F_SETFL, O_NONBLOCK) == -1) PrintSystemError("Nelze nastavit NONBLOCK ...");
     timeval limit{seconds, microseconds};
     const timeval start = MonotonicTime();
     while (connect(descriptor, reinterpret_cast<const sockaddr*>(&server), sizeof server) != 0) {

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -131,15 +130,15 @@ void TcpServer3::ExecuteThread() {
     acceptClients(listening);
     OdpojKlienta();
     listening_port_ = 0;
-    if (shutdown(listening, SHUT_RDWR) == -1) perror("Shutdown:");
-    if (close(listening) == -1) perror("Close:");
+    if (shutdown(listening, SHUT_RDWR) == -1) PrintSystemError("Shutdown:");
+    if (close(listening) == -1) PrintSystemError("Close:");
 }
 
 void TcpServer3::acceptClients(int listening) {
     ErrorRepeats repeats;
     while (!end_flag) {
         const int ready = waitReadable(listening);
-        if (ready == -1) perror("select mainSocket");
+        if (ready == -1) PrintSystemError("select mainSocket");
         if (ready < 1) continue;
         sockaddr_in address{};
         socklen_t length = sizeof address;
@@ -147,7 +146,7 @@ void TcpServer3::acceptClients(int listening) {
             accept4(listening, reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC);
         if (descriptor == -1) {
             // Without descriptors left, the client keeps waiting and the next accept fails at once.
-            if (repeats.due(errno)) perror("Accept mainSocket failed");
+            if (repeats.due(errno)) PrintSystemError("Accept mainSocket failed");
             MySleep(0, kAcceptFailedNanoseconds);
             continue;
         }
@@ -162,7 +161,7 @@ void TcpServer3::startClient(std::shared_ptr<Connection> connection) {
         PrintErrorLine("Accept mainSocket failed: descriptor ", descriptor, " is too high");
         return;
     }
-    if (fcntl(descriptor, F_SETFL, O_NONBLOCK) == -1) perror("Nelze nastavit NONBLOCK");
+    if (fcntl(descriptor, F_SETFL, O_NONBLOCK) == -1) PrintSystemError("Nelze nastavit NONBLOCK");
     {
         MutexLock lock(mutex_);
         ++client_threads_;
@@ -176,7 +175,7 @@ void TcpServer3::startClient(std::shared_ptr<Connection> connection) {
     pthread_attr_destroy(&attributes);
     if (result != 0) {
         errno = result;
-        perror("ClientThread failed creating thread");
+        PrintSystemError("ClientThread failed creating thread");
         MutexLock lock(mutex_);
         --client_threads_;
         return;
@@ -240,7 +239,7 @@ void TcpServer3::readClient(const Connection& connection) {
     time_t last_activity = MonotonicTime().tv_sec;
     while (!takeDisconnectRequest()) {
         const int ready = waitReadable(descriptor);
-        if (ready == -1) perror("select client");
+        if (ready == -1) PrintSystemError("select client");
         if (ready == 0 && MonotonicTime().tv_sec - last_activity > inactivity_timeout) return;
         if (ready < 1) continue;
         const int length = SockRead3(descriptor, data, kBlock);
@@ -311,7 +310,7 @@ int TcpServer3::sendTo(const Connections& connections, const char* data, int len
         MutexLock lock(connection->send_mutex);
         result = SockWriteTimeout(connection->socket.get(), data,
                                   static_cast<unsigned long>(std::max(length, 0)), kSendSeconds, 0);
-        if (result < 1) perror("SockWriteERRor:");
+        if (result < 1) PrintSystemError("SockWriteERRor:");
     }
     return result;
 }
@@ -355,7 +354,7 @@ void TcpServer3::OdpojKlienta() {
     const int result = waitOnCondition(&no_clients, &clients_changed, mutex_.native(), kDisconnectSeconds);
     if (result == 0) return;
     errno = result;
-    perror("Nepodarilo se odpojit vsechny klienty:");
+    PrintSystemError("Nepodarilo se odpojit vsechny klienty:");
 }
 
 bool TcpServer3::Connected() {

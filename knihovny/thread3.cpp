@@ -1,8 +1,8 @@
 #include "knihovny/thread3.h"
 
 #include <cerrno>
-#include <cstdio>
 
+#include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
 namespace {
@@ -22,7 +22,7 @@ int Thread3::create(const pthread_attr_t* attributes) {
         handle_ = handle;
     } else {
         errno = result;
-        perror("Thread3::start failed creating thread!\n");
+        PrintSystemError("Thread3::start failed creating thread!\n");
     }
     // A thread that could not be made never begins: the owner waits here, it cannot do its work without it.
     while (!started_) MySleep(0, kStartLookNanoseconds);
@@ -58,7 +58,7 @@ void Thread3::Stop() {
         // too.
         const int result = joinable_ ? pthread_join(handle_, nullptr) : EINVAL;
         errno = result;
-        if (result != 0) perror("Pthread_join error ... \n");
+        if (result != 0) PrintSystemError("Pthread_join error ... \n");
     }
     handle_ = 0;
     started_ = false;

@@ -89,6 +89,20 @@ TEST(PrintErrorLine, GoesToStandardError) {
     EXPECT_EQ(GetCapturedStdout(), "");
 }
 
+TEST(PrintSystemError, WritesWhatPerrorWould) {
+    for (const int error : {0, EAGAIN, ENOENT, 9999}) {
+        CaptureStderr();
+        errno = error;
+        perror("Thread3::start failed!\n");
+        const std::string expected = GetCapturedStderr();
+        CaptureStderr();
+        errno = error;
+        PrintSystemError("Thread3::start failed!\n");
+        EXPECT_EQ(errno, error);
+        EXPECT_EQ(GetCapturedStderr(), expected);
+    }
+}
+
 // Standard output and error lead to pipes, or to the same one, for the life of an object.
 class Redirected {
   public:
@@ -159,6 +173,16 @@ TEST(DropLogWithoutRoom, AStreamThatStandsStillDoesNotHoldTheOtherOne) {
     both.read(1);
     PrintInSignalHandler("signal\n");
     EXPECT_EQ(both.read(1), "1 lines of the log dropped\nsignal\n");
+}
+
+TEST(PrintSystemError, IsDroppedAndCountedLikeOtherLines) {
+    const Redirected both(false);
+    both.fill(2);
+    errno = ENOENT;
+    PrintSystemError("lost");
+    both.read(2);
+    PrintErrorLine("next");
+    EXPECT_EQ(both.read(2), "1 lines of the log dropped\nnext\n");
 }
 
 TEST(PrintLine, LinesOfSeveralThreadsStayWhole) {
