@@ -20,7 +20,7 @@
 // request, and 10 s to take the answer. For one thread.
 class FcgiGate {
   public:
-    // Requests with a body above longest_body bytes come without it.
+    // Requests with a body above longest_body bytes come without it, and their connection is not kept.
     explicit FcgiGate(size_t longest_body) : longest_body_(longest_body) {}
     FcgiGate(const FcgiGate&) = delete;
     FcgiGate& operator=(const FcgiGate&) = delete;

@@ -58,11 +58,10 @@ bool wellFormed(std::string_view params) {
     return true;
 }
 
-// 0 for a length that is missing, negative or no number.
-size_t declaredLength(std::string_view params) {
-    const std::string text(fcgiParam(params, "CONTENT_LENGTH"));
-    const long long value = strtoll(text.c_str(), nullptr, 10);
-    return value > 0 ? static_cast<size_t>(value) : 0;
+// Not with a length that is missing, negative or no number.
+bool announcesBody(std::string_view params) {
+    const std::string length(fcgiParam(params, "CONTENT_LENGTH"));
+    return strtoll(length.c_str(), nullptr, 10) > 0;
 }
 
 void appendRecord(std::string& records, int type, int id, std::string_view content) {
@@ -148,8 +147,19 @@ void FcgiRequestReader::takeContent(std::string_view content) {
         request_.params += content;
         if (request_.params.size() > kLongestParams) refuse();
     } else if (stage_ == Stage::kBody) {
-        request_.body += content.substr(0, declared_ - request_.body.size());
+        takeBody(content);
     }
+}
+
+void FcgiRequestReader::takeBody(std::string_view content) {
+    request_.too_long = content.size() > longest_body_ - request_.body.size();
+    if (!request_.too_long) {
+        request_.body += content;
+        return;
+    }
+    // Not clear(): its room is given back.
+    request_.body = std::string();
+    complete();
 }
 
 void FcgiRequestReader::endRecord() {
@@ -162,8 +172,6 @@ void FcgiRequestReader::endRecord() {
         endParams();
     } else if (type_ == kStdin && empty) {
         endBody();
-    } else if (stage_ == Stage::kBody && request_.body.size() == declared_) {
-        complete();
     }
 }
 
@@ -182,10 +190,8 @@ void FcgiRequestReader::beginRequest() {
 
 void FcgiRequestReader::endParams() {
     if (!wellFormed(request_.params)) return refuse();
-    declared_ = declaredLength(request_.params);
-    request_.too_long = declared_ > longest_body_;
     stage_ = Stage::kBody;
-    if (request_.too_long || declared_ == 0) complete();
+    if (!announcesBody(request_.params)) complete();
 }
 
 void FcgiRequestReader::endBody() {

@@ -15,17 +15,22 @@ struct FcgiRequest {
     int role = 0;  // responder, authorizer or filter: 1 to 3
     bool keep_connection = false;
     std::string params;     // the name-value pairs in FastCGI's coding, well formed
-    std::string body;       // of the declared length, or shorter when it ended before
-    bool too_long = false;  // the declared length is above the limit, the body is left out
+    std::string body;       // all that came of it
+    bool too_long = false;  // more came than the limit, the body is left out
 };
 
 // Takes the bytes of one connection. A client that does not keep to the protocol, multiplexes requests,
 // aborts one or sends management records is refused: that web server would be none that asks this daemon.
+//
+// CONTENT_LENGTH tells only whether there is a body: with a decimal value above 0 the request is complete
+// when the client ends its stream, with any other, or none, when the parameters end. What comes of a body
+// behind a complete request is passed over.
 class FcgiRequestReader {
   public:
     enum class State { kReading, kComplete, kRefused };
 
-    // A declared body above longest_body bytes is not read.
+    // A request with a body above longest_body bytes is complete, and without it, as soon as more of them
+    // came.
     explicit FcgiRequestReader(size_t longest_body) : longest_body_(longest_body) {}
 
     // Takes bytes and returns how many: all of them, unless a request is complete or the client refused.
@@ -51,6 +56,7 @@ class FcgiRequestReader {
     size_t takeHeader(std::string_view bytes);
     void beginRecord();
     void takeContent(std::string_view content);
+    void takeBody(std::string_view content);
     void endRecord();
     void beginRequest();
     void endParams();
@@ -69,7 +75,6 @@ class FcgiRequestReader {
     int type_ = 0;
     int record_id_ = 0;
     std::string begin_body_;
-    size_t declared_ = 0;
     bool body_ended_ = false;
     FcgiRequest request_;
 };

@@ -608,12 +608,25 @@ class BadClients(requests_plant.RequestTest):
 
     def test_a_length_that_is_longer_than_what_comes_or_shorter(self):
         self.start_served()
-        with FcgiClient() as client:
-            client.send(records(request(55), length=100))
-            self.assertEqual(client.answer(), b"\n" + DISABLED)
+        for length in (1, 7, 100, 2000000, 10 ** 30):
+            with FcgiClient() as client:
+                client.send(records(request(55), length=length))
+                self.assertEqual(client.answer(), b"\n" + DISABLED)
         with FcgiClient() as client:
             client.send(records(request(55) + b"x" * 100, length=len(request(55))))
-            self.assertEqual(client.answer(), b"\n" + DISABLED)
+            client.answer()
+        self.assert_logged("POST DATA: %s\n" % (request(55) + b"x" * 100).decode())
+        self.assert_lives()
+
+    def test_too_long_a_body_is_answered_whether_its_rest_comes_or_not(self):
+        self.start_served()
+        for length in (1, 3000000):
+            whole = records(b" " * 3000000, length=length, keep=True)
+            for sent in (1300000, len(whole)):
+                with FcgiClient() as client:
+                    client.send(whole[:sent])
+                    self.assertEqual(client.answer(), b"\n" + PARSE_FAILURE)
+        self.daemon.out.wait("* the request is longer than 1 MiB", 4)
         self.assert_lives()
 
     def test_ten_thousand_requests_in_a_row(self):

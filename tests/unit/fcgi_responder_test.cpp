@@ -206,6 +206,36 @@ TEST_F(FcgiResponderTest, ABodyOfOneMebibyteIsReadAndALongerOneNot) {
     EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
 }
 
+TEST_F(FcgiResponderTest, TheLengthOnlyTellsThatThereIsABody) {
+    const std::string body = R"({"t":55})";
+    for (const char* length : {"1", "8", "2000000", "99999999999999999999999"}) {
+        const fcgi::Client client(port());
+        client.say(fcgi::begin() + fcgi::stream(fcgi::kParams, fcgi::pair("CONTENT_LENGTH", length)) +
+                   fcgi::stream(fcgi::kStdin, body, 3));
+        EXPECT_EQ(fcgi::parse(client.hearAll()).out, kDisabled) << length;
+    }
+}
+
+TEST_F(FcgiResponderTest, TooLongABodyIsAnsweredWhetherItsRestComesOrNot) {
+    const std::string begun = fcgi::begin(true) + fcgi::stream(fcgi::kParams, fcgi::params(1));
+    const std::string more = fcgi::record(fcgi::kStdin, std::string(60000, 'x'));
+    const auto too_long = [&](const fcgi::Client& client) {
+        client.say(begun);
+        for (size_t sent = 0; sent <= kLongestRequest; sent += 60000) client.say(more);
+    };
+    const fcgi::Client waiting(port());
+    too_long(waiting);
+    EXPECT_EQ(waiting.hear().out, kParseFailure);
+    // Its connection is not kept, but what comes late does not break it either.
+    EXPECT_TRUE(waiting.closedWithin(5000));
+    const fcgi::Client going_on(port());
+    too_long(going_on);
+    for (int i = 0; i < 100; ++i) EXPECT_TRUE(going_on.say(more));
+    EXPECT_TRUE(going_on.say(fcgi::record(fcgi::kStdin, "")));
+    EXPECT_EQ(fcgi::parse(going_on.hearAll()).out, kParseFailure);
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+}
+
 TEST_F(FcgiResponderTest, ManyParametersAreNoTrouble) {
     std::string params = fcgi::params(8);
     while (params.size() < 60000) params += fcgi::pair("HTTP_X_FILE", std::string(500, '%'));
