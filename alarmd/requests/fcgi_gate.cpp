@@ -6,12 +6,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 #include <utility>
 
 namespace {
 
 constexpr int kBacklog = 400;
-constexpr size_t kMostClients = 128;  // more wait in the backlog
+constexpr size_t kMostClients = 128;
 constexpr std::chrono::seconds kClientLimit(10);
 constexpr std::chrono::seconds kAcceptPause(1);
 constexpr size_t kBlock = 16384;
@@ -54,6 +55,10 @@ int FcgiGate::listenOn(int tcp_port) {
 
 bool FcgiGate::isComplete(const Client& client) {
     return client.phase == Phase::kRequest && client.reader.state() == FcgiRequestReader::State::kComplete;
+}
+
+bool FcgiGate::isIdle(const Client& client) {
+    return client.phase == Phase::kRequest && !client.reader.begun();
 }
 
 FcgiRequest FcgiGate::next() {
@@ -106,8 +111,22 @@ void FcgiGate::fillPollList(Clock::time_point now) {
     }
 }
 
+bool FcgiGate::full() const {
+    return clients_.size() >= kMostClients;
+}
+
 bool FcgiGate::accepting(Clock::time_point now) const {
-    return clients_.size() < kMostClients && now >= accept_from_;
+    return now >= accept_from_ && (!full() || longestIdle() != clients_.end());
+}
+
+std::list<FcgiGate::Client>::const_iterator FcgiGate::longestIdle() const {
+    // The limit of an idle client counts from its last answer, or from its coming.
+    const auto rank = [](const Client& client) {
+        return std::tuple(!isIdle(client), !client.keep, client.deadline);
+    };
+    const auto first = std::min_element(clients_.begin(), clients_.end(),
+                                        [&](const Client& a, const Client& b) { return rank(a) < rank(b); });
+    return first != clients_.end() && isIdle(*first) ? first : clients_.end();
 }
 
 int FcgiGate::millisecondsToWait(Clock::time_point now) const {
@@ -127,6 +146,8 @@ void FcgiGate::acceptClients() {
             if (!mayTryAgain() && errno != ECONNABORTED) accept_from_ = now + kAcceptPause;
             return;
         }
+        const bool was_full = full();
+        if (was_full) clients_.erase(longestIdle());
         Client& client = clients_.emplace_back(descriptor, longest_body_);
         client.deadline = now + kClientLimit;
         // The request is often there already; then it comes before those who may still be waiting to be
@@ -136,6 +157,8 @@ void FcgiGate::acceptClients() {
         } else if (isComplete(client)) {
             return;
         }
+        // One at a time: before the next one has to go, what all of them have sent meanwhile is read.
+        if (was_full) return;
     }
 }
 
@@ -161,9 +184,10 @@ bool FcgiGate::receive(Client& client) {
 }
 
 bool FcgiGate::takeBytes(Client& client, std::string_view bytes) {
-    if (client.reader.idle()) client.deadline = Clock::now() + kClientLimit;
+    const bool had_begun = client.reader.begun();
     const size_t taken = client.reader.take(bytes);
     client.unread += bytes.substr(taken);
+    if (!had_begun && client.reader.begun()) client.deadline = Clock::now() + kClientLimit;
     return client.reader.state() != FcgiRequestReader::State::kRefused;
 }
 

@@ -16,8 +16,14 @@
 #include "knihovny/descriptor.h"
 
 // Clients that are slow, silent or do not keep to the protocol stay in here: the responder sees only requests
-// that are complete, and its answers are sent without waiting for their readers. A client has 10 s for a
-// request, and 10 s to take the answer. For one thread.
+// that are complete, and its answers are sent without waiting for their readers. A client has 10 s to begin a
+// request, 10 s for the rest of it and 10 s to take the answer; nothing else that it sends gives it more
+// time.
+//
+// It has places for 128 clients. When all are taken, who comes gets the place of one that has no request
+// begun: of the kept connection whose last answer is the oldest, and when there is none, of who has been
+// there for the longest time without ever beginning one. Who has begun a request stays until its limit; while
+// all have, others wait to be accepted. For one thread.
 class FcgiGate {
   public:
     // Requests with a body above longest_body bytes come without it, and their connection is not kept.
@@ -59,6 +65,9 @@ class FcgiGate {
     int millisecondsToWait(Clock::time_point now) const;
     void acceptClients();
     bool accepting(Clock::time_point now) const;
+    bool full() const;
+    std::list<Client>::const_iterator longestIdle() const;
+    static bool isIdle(const Client& client);
     static bool isComplete(const Client& client);
     // These return false when the client is to be dropped.
     static bool step(Client& client);

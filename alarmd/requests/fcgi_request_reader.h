@@ -38,8 +38,8 @@ class FcgiRequestReader {
 
     State state() const { return state_; }
 
-    // True until a request begins.
-    bool idle() const { return stage_ == Stage::kBetween && header_length_ == 0; }
+    // True from the whole begin record of a request until next() has handed it out.
+    bool begun() const { return stage_ != Stage::kBetween; }
 
     // The end of the request's body was seen: the client has nothing more to send for it.
     bool bodyEnded() const { return body_ended_; }

@@ -1,6 +1,7 @@
 """Local requests at the process's edge: FastCGI by tools that were written elsewhere, TCP, GPS, and clients that mean no
 good or know no better."""
 
+import contextlib
 import json
 import os
 import signal
@@ -663,21 +664,53 @@ class BadClients(requests_plant.RequestTest):
         self.assertEqual(ask(request(56)), b"\n" + ENABLED)
         self.assertLess(time.monotonic() - begin, within)
 
-    def test_a_hundred_silent_clients_are_not_waited_for(self):
-        self.silent(100, 10)
-
-    def test_more_silent_clients_than_there_is_room_for_keep_others_out_for_10_s_at_most(self):
-        self.silent(200, 15)
-
-    def silent(self, count, within):
+    def test_silent_clients_are_not_waited_for_be_they_more_than_there_is_room_for(self):
         self.start_served()
-        clients = [FcgiClient() for _ in range(count)]
-        for client, piece in zip(clients, (b"", b"\1", UNFINISHED, UNFINISHED[:20])):
-            client.send(piece)
-        self.assert_served(within)
+        for count in (100, 200):
+            clients = [FcgiClient() for _ in range(count)]
+            for client, piece in zip(clients, (b"", b"\1", UNFINISHED, UNFINISHED[:20])):
+                client.send(piece)
+            self.assert_served()
+            for client in clients:
+                client.socket.close()
+        self.assert_lives()
+
+    def test_half_requests_in_all_places_keep_others_out_for_10_s_at_most(self):
+        self.start_served()
+        clients = [FcgiClient() for _ in range(200)]
+        for client in clients:
+            client.send(UNFINISHED)
+        self.assert_served(25)  # the first 128, and then the others
         for client in clients:
             client.socket.close()
         self.assert_lives()
+
+    def test_aborts_in_all_places_keep_nobody_out(self):
+        self.start_served()
+        clients = [FcgiClient() for _ in range(128)]
+        over = threading.Event()
+        self.addCleanup(over.set)
+        threading.Thread(target=self.abort, args=(clients, over), daemon=True).start()
+        for _ in range(3):
+            self.assert_served()
+            time.sleep(1)
+        plant.wait_for(lambda: self.connected() == 0, "the end of their connections")
+        over.set()
+        for client in clients:
+            client.socket.close()
+        self.assert_lives()
+
+    @staticmethod
+    def abort(clients, over):
+        while not over.wait(2):
+            for client in clients:
+                with contextlib.suppress(OSError):
+                    client.send(record(2))
+
+    def connected(self):
+        """The connections of the responder."""
+        with open("/proc/net/tcp") as file:
+            return sum(line.split()[1].endswith(":%04X" % FCGI_PORT) and line.split()[3] == "01" for line in file)
 
     def test_a_client_that_is_silent_in_the_middle_is_dropped(self):
         self.start_served()

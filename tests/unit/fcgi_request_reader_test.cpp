@@ -19,7 +19,7 @@ State stateAfter(const std::string& bytes) {
 TEST(FcgiRequestReaderTest, ARequestIsTakenApart) {
     FcgiRequestReader reader(kLimit);
     const std::string bytes = fcgi::request("{\"t\":55}", true);
-    EXPECT_TRUE(reader.idle());
+    EXPECT_FALSE(reader.begun());
     EXPECT_EQ(reader.take(bytes), bytes.size());
     ASSERT_EQ(reader.state(), State::kComplete);
     const FcgiRequest request = reader.next();
@@ -32,7 +32,7 @@ TEST(FcgiRequestReaderTest, ARequestIsTakenApart) {
     EXPECT_EQ(fcgiParam(request.params, "NONE"), "");
     EXPECT_TRUE(reader.bodyEnded());
     EXPECT_EQ(reader.state(), State::kReading);
-    EXPECT_TRUE(reader.idle());
+    EXPECT_FALSE(reader.begun());
 }
 
 TEST(FcgiRequestReaderTest, EverySplitOfTheBytesGivesTheSame) {
@@ -148,7 +148,24 @@ TEST(FcgiRequestReaderTest, OneConnectionGivesRequestAfterRequest) {
     }
     EXPECT_TRUE(bytes.empty());
     EXPECT_EQ(reader.state(), State::kReading);
-    EXPECT_TRUE(reader.idle());
+    EXPECT_FALSE(reader.begun());
+}
+
+TEST(FcgiRequestReaderTest, ARequestBeginsWithItsWholeBeginAndWithNothingElse) {
+    const std::string late = fcgi::record(fcgi::kAbort, "") + fcgi::record(fcgi::kStdin, "late");
+    FcgiRequestReader reader(kLimit);
+    for (const char byte : late + fcgi::begin()) {
+        EXPECT_FALSE(reader.begun());
+        reader.take({&byte, 1});
+    }
+    EXPECT_TRUE(reader.begun());
+    reader.take(fcgi::stream(fcgi::kParams, ""));
+    ASSERT_EQ(reader.state(), State::kComplete);
+    EXPECT_TRUE(reader.begun());
+    reader.next();
+    EXPECT_FALSE(reader.begun());
+    reader.take(late + fcgi::begin().substr(0, 5));
+    EXPECT_FALSE(reader.begun());
 }
 
 TEST(FcgiRequestReaderTest, ClientsThatDoNotKeepToTheProtocolAreRefused) {

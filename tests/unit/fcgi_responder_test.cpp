@@ -3,7 +3,9 @@
 #include <fcgiapp.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
+#include <deque>
 #include <fstream>
 #include <memory>
 #include <thread>
@@ -368,6 +370,127 @@ TEST_F(FcgiResponderTest, ClientsBeyondTheMostThatAreServedAtOnceComeInTurn) {
     const auto start = steady_clock::now();
     EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
     EXPECT_LT(secondsSince(start), 10);
+}
+
+// Says the next piece of its bytes, in a circle, once a second.
+struct Lingering {
+    const char* name;
+    fcgi::Client client;
+    std::string bytes;
+    size_t piece;
+    double closed_after = 0;
+
+    void sayPiece(size_t second) const { client.say(bytes.substr(second * piece % bytes.size(), piece)); }
+};
+
+TEST_F(FcgiResponderTest, OnlyABegunRequestRenewsTheLimitOfItsConnection) {
+    const std::string abort = fcgi::record(fcgi::kAbort, "");
+    const std::string late_body = fcgi::record(fcgi::kStdin, "late");
+    const auto start = steady_clock::now();
+    std::vector<Lingering> lingering;
+    lingering.push_back({"aborts", fcgi::Client(port()), abort, abort.size()});
+    lingering.push_back({"aborts byte by byte", fcgi::Client(port()), abort, 1});
+    lingering.push_back({"late bodies", fcgi::Client(port()), late_body, late_body.size()});
+    lingering.push_back({"aborts behind an answer", fcgi::Client(port()), abort, abort.size()});
+    lingering.back().client.say(fcgi::request(R"({"t":56})", true));
+    EXPECT_TRUE(lingering.back().client.hear().ended);
+    const fcgi::Client begun_late(port());
+    const auto open = [](const Lingering& each) { return each.closed_after == 0; };
+    for (size_t second = 0; second < 25 && std::any_of(lingering.begin(), lingering.end(), open); ++second) {
+        if (second == 6) begun_late.say(fcgi::begin());
+        for (Lingering& each : lingering) {
+            if (!open(each)) continue;
+            each.sayPiece(second);
+            if (each.client.closedWithin(0)) each.closed_after = secondsSince(start);
+        }
+        usleep(1000000);
+    }
+    for (const Lingering& each : lingering) {
+        EXPECT_GT(each.closed_after, 8) << each.name;
+        EXPECT_LT(each.closed_after, 16) << each.name;
+    }
+    EXPECT_GT(secondsSince(start), 10);
+    begun_late.say(fcgi::request(R"({"t":55})").substr(fcgi::begin().size()));
+    EXPECT_EQ(fcgi::parse(begun_late.hearAll()).out, kDisabled);
+}
+
+// All places taken.
+class FullFcgiResponderTest : public FcgiResponderTest {
+  protected:
+    static constexpr size_t kPlaces = 128;
+
+    // The limits of the first ones are still to come.
+    ~FullFcgiResponderTest() override { EXPECT_LT(secondsSince(start_), 9); }
+
+    const fcgi::Client& come() {
+        clients_.emplace_back(port());
+        return clients_.back();
+    }
+    const fcgi::Client& comeAndAsk() {
+        askAgain(come());
+        return clients_.back();
+    }
+    static void askAgain(const fcgi::Client& client) {
+        client.say(fcgi::request(R"({"t":56})", true));
+        EXPECT_TRUE(client.hear().ended);
+    }
+    void expectGone(size_t i) const { EXPECT_TRUE(clients_[i].closedWithin(5000)) << i; }
+    void expectThere(std::initializer_list<size_t> some) const {
+        for (const size_t i : some) EXPECT_FALSE(clients_[i].closedWithin(20)) << i;
+    }
+
+    std::deque<fcgi::Client> clients_;  // in the order of their coming
+
+  private:
+    const steady_clock::time_point start_ = steady_clock::now();
+};
+
+TEST_F(FullFcgiResponderTest, TheKeptConnectionThatIsIdleForLongestGoes) {
+    come();  // and never asks
+    while (clients_.size() < kPlaces) comeAndAsk();
+    askAgain(clients_[1]);
+    clients_[2].say(fcgi::begin().substr(0, 7));
+    clients_[3].say(fcgi::begin());
+    comeAndAsk();
+    expectGone(2);
+    comeAndAsk();
+    expectGone(4);
+    expectThere({0, 1, 3, 5, 6, kPlaces - 1, kPlaces, kPlaces + 1});
+    clients_[3].say(fcgi::request(R"({"t":55})").substr(fcgi::begin().size()));
+    EXPECT_EQ(clients_[3].hear().out, kDisabled);
+}
+
+TEST_F(FullFcgiResponderTest, WithoutAKeptConnectionWhoNeverBeganForLongestGoes) {
+    while (clients_.size() < kPlaces) come();
+    clients_[0].say(fcgi::record(fcgi::kAbort, ""));
+    clients_[1].say(fcgi::begin());
+    clients_[2].say(fcgi::begin().substr(0, 7));
+    come();
+    expectGone(0);
+    come();
+    expectGone(2);
+    EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+    expectGone(3);
+    expectThere({1, 4, 5, kPlaces - 1, kPlaces, kPlaces + 1});
+}
+
+TEST_F(FullFcgiResponderTest, WhoHasBegunARequestStaysAndOthersWait) {
+    while (clients_.size() < kPlaces) come().say(fcgi::begin());
+    const fcgi::Client waiting(port());
+    waiting.say(fcgi::request(R"({"t":55})"));
+    pollfd event{waiting.descriptor(), POLLIN, 0};
+    EXPECT_EQ(poll(&event, 1, 300), 0);
+    expectThere({0, 1, kPlaces - 1});
+    clients_.pop_front();
+    EXPECT_EQ(waiting.hear().out, kDisabled);
+    expectThere({0, 1, kPlaces - 2});
+}
+
+TEST_F(FullFcgiResponderTest, AThousandThatSayNothingKeepNobodyOut) {
+    for (int round = 0; round < 10; ++round) {
+        for (int i = 0; i < 100; ++i) come();
+        EXPECT_EQ(ask(R"({"t":55})").out, kDisabled);
+    }
 }
 
 TEST_F(FcgiResponderTest, AClientThatNeverReadsKeepsNobodyWaiting) {
