@@ -74,7 +74,9 @@ _user user;
 
 Fronta<_alarm_tag> fronta_mail;
 Fronta<_alarm_tag> fronta_sms;
-Fronta<_sms_raw> fronta_sms_raw;
+BoundedFronta<_sms_raw> fronta_sms_raw(kMostRawSms, kMostRawSmsBytes, [](const _sms_raw& message) {
+    return message.number.size() + message.text.size() + message.from_ip.size();
+});
 
 _alarm_tag alarm_tag;
 std::vector<_alarm_tag> wait_for_ack;

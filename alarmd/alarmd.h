@@ -14,6 +14,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <list>
@@ -238,7 +239,12 @@ extern _user user;
 
 extern Fronta<_alarm_tag> fronta_mail;
 extern Fronta<_alarm_tag> fronta_sms;
-extern Fronta<_sms_raw> fronta_sms_raw;
+
+// Requested messages. Local programs ask for them as fast as they like, and they go out one in some seconds.
+// What counts as bytes are those of the number, the text and the address of who asked.
+constexpr size_t kMostRawSms = 1000;
+constexpr size_t kMostRawSmsBytes = size_t{4} * 1024 * 1024;
+extern BoundedFronta<_sms_raw> fronta_sms_raw;
 
 // Main thread only.
 extern _alarm_tag alarm_tag;                  // working record of the parser

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <queue>
 #include <utility>
 
@@ -41,4 +43,89 @@ class Fronta {
   private:
     mutable Mutex mutex_;
     std::queue<T> queue_ GUARDED_BY(mutex_);
+};
+
+// A Fronta with a bound on its entries and on their bytes. Who has to promise that an entry finds room takes
+// a place for it first, and pushes it later: places that are taken count like entries. Any thread.
+template <class T>
+class BoundedFronta {
+  public:
+    // bytesOf tells the bytes of an entry that count.
+    BoundedFronta(size_t most_entries, size_t most_bytes, size_t (*bytesOf)(const T&))
+        : most_entries_(most_entries), most_bytes_(most_bytes), bytesOf_(bytesOf) {}
+
+    // A place for one entry, which it holds until it is pushed. Given back when it ends without that.
+    // REQUIRES: the queue outlives it. For one thread.
+    class Place {
+      public:
+        Place(Place&& other) noexcept
+            : queue_(std::exchange(other.queue_, nullptr)), item_(std::move(other.item_)) {}
+        Place(const Place&) = delete;
+        Place& operator=(const Place&) = delete;
+        ~Place() {
+            if (queue_ != nullptr) queue_->giveBack(queue_->bytesOf_(item_));
+        }
+
+        // Puts the entry at the end of the queue. Does nothing at a second call.
+        void push() {
+            if (queue_ != nullptr) std::exchange(queue_, nullptr)->queue_.push(item_);
+        }
+
+      private:
+        friend class BoundedFronta;
+        Place(BoundedFronta* queue, T item) : queue_(queue), item_(std::move(item)) {}
+
+        BoundedFronta* queue_;
+        T item_;
+    };
+
+    // A place for item, or none while there is no room for it.
+    std::optional<Place> place(T item) EXCLUDES(mutex_) {
+        const size_t bytes = bytesOf_(item);
+        MutexLock lock(mutex_);
+        if (entries_ >= most_entries_ || bytes > most_bytes_ - bytes_) return std::nullopt;
+        ++entries_;
+        bytes_ += bytes;
+        return Place(this, std::move(item));
+    }
+
+    // False, and nothing is queued, when there is no room for item.
+    bool push(T item) EXCLUDES(mutex_) {
+        std::optional<Place> taken = place(std::move(item));
+        if (taken) taken->push();
+        return taken.has_value();
+    }
+
+    // Moves the front entry into item, and its place is free. False when there is none.
+    bool take(T& item) EXCLUDES(mutex_) {
+        if (!queue_.take(item)) return false;
+        giveBack(bytesOf_(item));
+        return true;
+    }
+
+    // Drops all entries; places that are taken for others stay.
+    void clear() EXCLUDES(mutex_) {
+        T item;
+        while (take(item)) {
+        }
+    }
+
+    // The entries, without those that are still to be pushed.
+    int size() const { return queue_.size(); }
+    bool empty() const { return queue_.empty(); }
+
+  private:
+    void giveBack(size_t bytes) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        --entries_;
+        bytes_ -= bytes;
+    }
+
+    const size_t most_entries_;
+    const size_t most_bytes_;
+    size_t (*const bytesOf_)(const T&);
+    Fronta<T> queue_;  // never touched under mutex_, so that no lock is taken under another
+    Mutex mutex_;
+    size_t entries_ GUARDED_BY(mutex_) = 0;  // those in queue_ and the places that are taken
+    size_t bytes_ GUARDED_BY(mutex_) = 0;
 };

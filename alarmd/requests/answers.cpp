@@ -13,6 +13,7 @@ constexpr int kLastSms = 54;
 
 constexpr char kParseFailure[] = "{\"s\":0, \"err\":\"Failed to parse JSON\"}";
 constexpr char kSmsAccepted[] = "{\"s\":1,\"r\":50}\n";
+constexpr char kSmsQueueFull[] = "{\"r\":50,\"s\":0,\"err\":\"SMS queue is full\"}\n";
 constexpr char kNoGpsParsed[] = "{\"r\":53,\"s\":0,\"err\":\"GPS disabled or CRC error.\"}";
 constexpr char kLastSmsLine[] = "Request protocol 54 (Read last receive SMS)\n";
 constexpr char kModemNotReady[] = "{\"r\":50,\"s\":0,\"err\":\"Modem activation failed\"}\n";
@@ -269,6 +270,11 @@ Answer answerTcpRequest(const std::string& request_text, const RequestState& sta
         AppendLine(answer.log, "Response: ", answer.body);
     }
     return answer;
+}
+
+void refuseSms(Answer& answer) {
+    answer.body = kSmsQueueFull;
+    answer.action = RequestAction::kNone;
 }
 
 std::string formatWithItself(const std::string& text) {

@@ -44,6 +44,9 @@ Answer answerTooLongRequest();
 // The TCP server's answer (protocols 50 and 54). modem_ready: the modem is initialised.
 Answer answerTcpRequest(const std::string& request, const RequestState& state, bool modem_ready);
 
+// Makes the answer to a request for an SMS, which finds no room in the queue, the refusal.
+void refuseSms(Answer& answer);
+
 // What a printf-like function makes of text as its format when text is also its one argument: "%%" gives "%",
 // the first "%s" gives text. Any other "%" stays as it is.
 std::string formatWithItself(const std::string& text);

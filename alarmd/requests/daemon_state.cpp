@@ -9,15 +9,6 @@ namespace {
 
 constexpr long kPauseNanoseconds = 50000;
 
-void queueSms(const Answer& answer, const std::string& from_ip, int from_port) {
-    _sms_raw message;
-    message.number = answer.number;
-    message.text = answer.text;
-    message.from_ip = from_ip;
-    message.from_port = from_port;
-    fronta_sms_raw.push(message);
-}
-
 }  // namespace
 
 RequestState takeRequestState() {
@@ -38,7 +29,14 @@ RequestState takeRequestState() {
     return state;
 }
 
-void carryOut(const Answer& answer, const std::string& from_ip, int from_port) {
+SmsPlace takePlace(Answer& answer, const std::string& from_ip, int from_port) {
+    if (answer.action != RequestAction::kSendSms) return std::nullopt;
+    SmsPlace place = fronta_sms_raw.place({answer.number, answer.text, from_ip, from_port});
+    if (!place) refuseSms(answer);
+    return place;
+}
+
+void carryOut(const Answer& answer, SmsPlace place) {
     if (answer.gps_parsed) {
         MutexLock lock(gps_mutex);
         gps_data_parse = answer.gps_parse;
@@ -47,7 +45,7 @@ void carryOut(const Answer& answer, const std::string& from_ip, int from_port) {
         case RequestAction::kNone:
             break;
         case RequestAction::kSendSms:
-            queueSms(answer, from_ip, from_port);
+            if (place) place->push();
             break;
         case RequestAction::kDisableNotification:
             disable_notification = true;

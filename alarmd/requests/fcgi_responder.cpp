@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "alarmd/alarmd.h"
 #include "alarmd/requests/answers.h"
@@ -43,9 +44,10 @@ Answer serve(FcgiLibrary& library, bool too_long) {
     std::string log;
     logRequest(library, log);
     Answer answer = answerTo(library, too_long, log);
+    SmsPlace place = takePlace(answer, ip, kNoPort);
     Print(log + answer.log);
     if (!answer.body.empty()) library.write(kHeader + answer.body);
-    carryOut(answer, ip, kNoPort);
+    carryOut(answer, std::move(place));
     return answer;
 }
 

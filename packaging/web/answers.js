@@ -57,7 +57,7 @@ function readFrame(members, head, answer) {
   return data;
 }
 
-// The answer as {granted, data}. Throws when it is not understood.
+// The answer as {granted, data}, or {granted, reason} of one that was refused. Throws when it is not understood.
 export function readAnswer(protocol, answer) {
   const members = FRAMES[protocol];
   if (members) {
@@ -65,10 +65,10 @@ export function readAnswer(protocol, answer) {
     const data = readFrame(members, head, undoPrint(answer, head));
     if (data) return { granted: true, data };
   }
-  const { r = protocol, s } = JSON.parse(answer) ?? {};
+  const { r = protocol, s, err = "" } = JSON.parse(answer) ?? {};
   const known = r === protocol && (s === 0 || (s === 1 && (!members || protocol === 52)));
   if (!known) throw new Error("an answer that is not understood");
-  return { granted: s === 1, data: {} };
+  return s === 1 ? { granted: true, data: {} } : { granted: false, reason: String(err) };
 }
 
 // ---- GPS

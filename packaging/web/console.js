@@ -47,7 +47,7 @@ const state = {
   lastSms: null,
   gps: null,  // {off} or {bad} or {report}
   asked: memory.get("asked"),  // {on, time}: what was last switched from here
-  sent: null,  // {number, time} or {failed}
+  sent: null,  // {number, time} or {refused} or {failed}
 };
 
 // ---- texts
@@ -158,9 +158,10 @@ function showCounter() {
 
 function showSent() {
   const { sent } = state;
-  element("send-outcome").classList.toggle("error", Boolean(sent?.failed));
+  element("send-outcome").classList.toggle("error", Boolean(sent?.failed || sent?.refused));
   setText("send-outcome", !sent ? "" : sent.failed ? say("notSent") :
-    say("queued", { number: sent.number, time: sayClock(sent.time) }));
+    sent.refused ? say("refused", { reason: sent.refused.message }) :
+      say("queued", { number: sent.number, time: sayClock(sent.time) }));
 }
 
 function show() {
@@ -197,10 +198,13 @@ async function ask(protocol, members = {}) {
   return readAnswer(protocol, await response.text());
 }
 
+// An answer that says no; the message is its reason.
+class Refusal extends Error {}
+
 // Like ask, for what has to be granted.
 async function demand(protocol, members) {
-  const { granted, data } = await ask(protocol, members);
-  if (!granted) throw new Error("refused");
+  const { granted, reason, data } = await ask(protocol, members);
+  if (!granted) throw new Refusal(reason);
   return data;
 }
 
@@ -270,8 +274,8 @@ async function send(event) {
     await demand(SEND_SMS, { number, text });
     state.sent = { number, time: new Date() };
     if (element("text").value === text) element("text").value = "";
-  } catch {
-    state.sent = { failed: true };
+  } catch (error) {
+    state.sent = error instanceof Refusal ? { refused: error } : { failed: true };
   }
   button.disabled = false;
   button.textContent = say("send");

@@ -39,6 +39,7 @@ export const TEXTS = {
     sending: "Sending…",
     queued: "{time}: the message to {number} is queued. The service’s log tells whether the modem took it.",
     notSent: "No answer: the message was probably not taken.",
+    refused: "The service has refused the message: {reason}",
     badNumber: "Enter a phone number: up to 15 digits, with + before the country code.",
     badText: "Enter a message.",
     notifications: "Alarm notifications",
@@ -105,6 +106,7 @@ export const TEXTS = {
     sending: "Odesílám…",
     queued: "{time}: zpráva pro {number} je zařazena k odeslání. Zda ji modem převzal, ukáže protokol služby.",
     notSent: "Bez odpovědi: zpráva pravděpodobně nebyla přijata.",
+    refused: "Služba zprávu odmítla: {reason}",
     badNumber: "Zadejte telefonní číslo: nejvýše 15 číslic, s + před předvolbou země.",
     badText: "Zadejte zprávu.",
     notifications: "Oznámení alarmů",
@@ -172,6 +174,7 @@ export const TEXTS = {
     queued: "{time}: Die Nachricht an {number} ist eingereiht. Ob das Modem sie angenommen hat, steht im Protokoll des " +
       "Dienstes.",
     notSent: "Keine Antwort: Die Nachricht wurde vermutlich nicht angenommen.",
+    refused: "Der Dienst hat die Nachricht abgelehnt: {reason}",
     badNumber: "Geben Sie eine Telefonnummer ein: höchstens 15 Ziffern, mit + vor der Landesvorwahl.",
     badText: "Geben Sie eine Nachricht ein.",
     notifications: "Alarmbenachrichtigungen",

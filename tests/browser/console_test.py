@@ -159,6 +159,22 @@ class Console(ConsoleTest):
         self.wait_text("state-text", "The service answers")
         self.assertEqual(self.complaints(), [])
 
+    def test_a_message_that_is_refused_is_told_as_refused_with_the_reason(self):
+        self.start_alone()
+        with requests_plant.FcgiClient() as client:
+            for _ in range(1000):
+                client.ask(requests_plant.request(50, number=EVE, text="x"), keep=True)
+        self.open()
+        self.wait_text("state-text", "The service answers")
+        self.type_into("number", EVE)
+        self.type_into("text", "Hello")
+        self.element("send").click()
+        self.wait_text("send-outcome", "The service has refused the message: SMS queue is full")
+        self.assertIn("error", self.element("send-outcome").get_attribute("class"))
+        self.assertEqual(self.element("text").get_attribute("value"), "Hello")
+        self.wait_text("state-text", "The service answers")
+        self.assertEqual(self.complaints(), [])
+
     def test_a_page_that_is_not_seen_does_not_ask(self):
         self.start_alone()
         self.open()

@@ -97,7 +97,7 @@ void checkAnswers(const _gps_data& store) {
         MUST(parsed.body == "{\"r\":53,\"s\":0,\"err\":\"GPS disabled or CRC error.\"}\n");
         return;
     }
-    carryOut(parsed, ip, 0);
+    carryOut(parsed, {});
     MutexLock lock(gps_mutex);
     MUST(store.GPGGA.size() < 10 || gps_data_parse.GPGGA == store.GPGGA.substr(7, store.GPGGA.size() - 10));
 }

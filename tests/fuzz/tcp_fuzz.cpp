@@ -49,8 +49,10 @@ void checkQueued(const Meaning& meaning) {
 
 void packet(const std::string& bytes, bool modem_ready) {
     const Meaning meaning = meaningOf(bytes);
-    const Answer answer = answerTcpRequest(bytes, takeRequestState(), modem_ready);
-    carryOut(answer, kClient, kPort);
+    Answer answer = answerTcpRequest(bytes, takeRequestState(), modem_ready);
+    SmsPlace place = takePlace(answer, kClient, kPort);
+    MUST(place.has_value() == (answer.action == RequestAction::kSendSms));
+    carryOut(answer, std::move(place));
     MUST(!disable_notification);  // that is for FastCGI alone
     if (answer.action == RequestAction::kSendSms) {
         MUST(modem_ready && meaning.protocol == 50 && answer.body == "{\"s\":1,\"r\":50}\n");

@@ -141,8 +141,8 @@ void defineAlarm(const _alarm_def& definition);
 void addUser(const _user& entry);
 
 // The entries of a queue, which is empty afterwards.
-template <class T>
-std::vector<T> takeAll(Fronta<T>& queue) {
+template <template <class> class Queue, class T>
+std::vector<T> takeAll(Queue<T>& queue) {
     std::vector<T> all;
     T entry;
     while (queue.take(entry)) all.push_back(entry);

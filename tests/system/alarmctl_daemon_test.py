@@ -141,6 +141,15 @@ class Failures(AlarmctlTest):
         status, out, _ = alarmctl("gps", "--raw", "--json")
         self.assertEqual((status, json.loads(out)), (2, {"r": 52, "s": 0, "err": "GPS disabled"}))
 
+    def test_a_queue_of_messages_that_is_full(self):
+        self.start_alone()
+        with requests_plant.FcgiClient() as client:
+            for _ in range(1000):
+                client.ask(requests_plant.request(50, number=EVE, text="x"), keep=True)
+        self.check_failure("the daemon refuses: SMS queue is full", "sms", EVE, "x")
+        status, out, _ = alarmctl("sms", EVE, "x", "--json")
+        self.assertEqual((status, json.loads(out)), (2, {"r": 50, "s": 0, "err": "SMS queue is full"}))
+
     def test_no_daemon(self):
         place = "127.0.0.1:%d" % FCGI_PORT
         for command in (["status"], ["sms", "112", "x"], ["last-sms"], ["gps"], ["notifications", "on"]):

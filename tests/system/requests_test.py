@@ -13,7 +13,7 @@ import plant
 import requests_plant
 import sms_plant
 from requests_plant import (
-    DISABLED, ENABLED, FCGI_PORT, FcgiClient, GPS_OFF, NO_GPS, NOT_READY, PARSE_FAILURE, SMS_TAKEN, STATUS, TcpClient, ask,
+    DISABLED, ENABLED, FCGI_PORT, FcgiClient, GPS_OFF, NO_GPS, NOT_READY, PARSE_FAILURE, SMS_QUEUE_FULL, SMS_TAKEN, STATUS, TcpClient, ask,
     cgi_fcgi, last_sms, listening, record, records, request)
 from sms_plant import EVE, JAN, STRANGER
 
@@ -207,6 +207,61 @@ class Sms(requests_plant.RequestTest):
         self.assertEqual(cgi_fcgi(request(50, number=EVE, text=nasty)), b"\n" + SMS_TAKEN)
         self.wait_sms((EVE, nasty))
         self.assert_lives()
+
+
+class FullQueue(requests_plant.RequestTest):
+    """While the modem is away, messages wait: so many and no more."""
+
+    def fill(self):
+        with FcgiClient() as client:
+            for number in range(1000):
+                self.assertEqual(client.ask(request(50, number=EVE, text="No. %d" % number), keep=True), b"\n" + SMS_TAKEN)
+
+    def test_beyond_a_thousand_messages_are_refused_and_what_waits_is_sent_when_the_modem_comes(self):
+        self.start_plant()
+        self.wait_responder()
+        self.fill()
+        nginx = self.start_nginx()
+        self.assertEqual(nginx.post(request(50, number=EVE, text="No. 1000")), (200, SMS_QUEUE_FULL))
+        self.assertEqual(cgi_fcgi(request(50)), b"\n" + SMS_QUEUE_FULL)
+        self.assert_logged("POST DATA: %s\nFCGI Request protocol 50 (Send SMS)\n" % request(
+            50, number=EVE, text="No. 1000").decode())
+        self.start_modem()
+        self.daemon.out.wait("Zpracovavam sms queue SMS RAW 1000")
+        self.wait_sms((EVE, "No. 0"))
+        self.wait_sms((EVE, "No. 1"))
+        # Each that is sent makes room.
+        plant.wait_for(lambda: nginx.post(request(50, number=EVE, text="x")) == (200, SMS_TAKEN), "room")
+
+    def test_beyond_four_mebibytes_messages_are_refused(self):
+        self.start_alone()
+        for _ in range(4):
+            self.assertEqual(ask(request(50, number=EVE, text="a" * 1000000)), b"\n" + SMS_TAKEN)
+        self.assertEqual(ask(request(50, number=EVE, text="a" * 1000000)), b"\n" + SMS_QUEUE_FULL)
+        self.assertEqual(ask(request(50, number=EVE, text="a")), b"\n" + SMS_TAKEN)
+        self.assert_stops()
+        self.daemon.err.wait("alarmd: stopping with 5 SMS queue entries unsent")
+
+    def test_the_tcp_server_refuses_too_once_the_modem_is_ready(self):
+        port = plant.free_port()
+        self.start_plant(tcp_port=port)
+        self.wait_responder()
+        self.fill()
+        self.wait_listening(port)
+        self.start_modem()
+        with TcpClient(port) as client:
+            # Until the modem is ready it says so; then a message or two are on their way, and as many find room.
+            def answer():
+                client.send(request(50, number=EVE, text="by TCP"))
+                line = b""
+                while not line.endswith(b"\n"):
+                    byte = client.receive(1)
+                    self.assertTrue(byte, line)
+                    line += byte
+                self.assertIn(line, (NOT_READY, SMS_TAKEN, SMS_QUEUE_FULL))
+                return line
+
+            plant.wait_for(lambda: answer() == SMS_QUEUE_FULL, "the refusal", detail=self.daemon.out.text)
 
 
 class Notifications(requests_plant.RequestTest):

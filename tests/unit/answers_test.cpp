@@ -57,6 +57,15 @@ TEST(FcgiAnswerTest, AnSmsIsAcceptedWhateverTheModemDoes) {
     EXPECT_TRUE(answer.protocol_run);
 }
 
+TEST(FcgiAnswerTest, AnSmsThatFindsNoRoomIsRefusedAndItsLogStays) {
+    Answer answer = fcgi(R"({"t":50,"number":"1","text":"x"})");
+    refuseSms(answer);
+    EXPECT_EQ(answer.body, "{\"r\":50,\"s\":0,\"err\":\"SMS queue is full\"}\n");
+    EXPECT_EQ(answer.log, "FCGI Request protocol 50 (Send SMS)\n");
+    EXPECT_EQ(answer.action, RequestAction::kNone);
+    EXPECT_TRUE(answer.protocol_run);
+}
+
 TEST(FcgiAnswerTest, MissingMembersOfAnSmsAreEmptyTexts) {
     for (const char* request : {R"({"t":50})", R"({"t":50,"number":null,"text":null})"}) {
         const Answer answer = fcgi(request);

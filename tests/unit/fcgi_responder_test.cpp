@@ -23,6 +23,8 @@ using std::chrono::steady_clock;
 
 constexpr char kDisabled[] = "\n{\"r\":55,\"s\":1}\n";
 constexpr char kNoAnswer[] = "";
+constexpr char kSmsAccepted[] = "\n{\"s\":1,\"r\":50}\n";
+constexpr char kSmsQueueFull[] = "\n{\"r\":50,\"s\":0,\"err\":\"SMS queue is full\"}\n";
 constexpr char kParseFailure[] = "\n{\"s\":0, \"err\":\"Failed to parse JSON\"}";
 
 void resetState() {
@@ -153,6 +155,48 @@ TEST_F(FcgiResponderTest, TheDaemonsStateIsTold) {
         "\n{\"r\":53,\"s\":1,\"d\":{\"GGA\":\"\",\"GSA\":\"x\",\"RMC\":\"\",\"VTG\":\"\",\"GSV\":\"\"}}\n");
     MutexLock lock(gps_mutex);
     EXPECT_EQ(gps_data_parse.GPGSA, "x");
+}
+
+TEST_F(FcgiResponderTest, AnSmsBeyondAThousandIsRefusedAndNoneIsLost) {
+    const fcgi::Client client(port());
+    const auto askFor = [&](int number) {
+        client.say(fcgi::request(R"({"t":50,"text":"x","number":")" + std::to_string(number) + "\"}", true));
+        return client.hear().out;
+    };
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(askFor(i), kSmsAccepted) << i;
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(askFor(1000 + i), kSmsQueueFull);
+    EXPECT_EQ(fronta_sms_raw.size(), 1000);
+    _sms_raw message;
+    ASSERT_TRUE(fronta_sms_raw.take(message));
+    EXPECT_EQ(message.number, "0");
+    EXPECT_EQ(askFor(1000), kSmsAccepted);
+    EXPECT_EQ(askFor(1003), kSmsQueueFull);
+    for (int i = 1; i <= 1000; ++i) {
+        ASSERT_TRUE(fronta_sms_raw.take(message));
+        ASSERT_EQ(message.number, std::to_string(i));
+    }
+    EXPECT_TRUE(fronta_sms_raw.empty());
+    EXPECT_NE(stop().find("\"1003\"}\nFCGI Request protocol 50 (Send SMS)\n"), std::string::npos);
+}
+
+TEST_F(FcgiResponderTest, SmsBeyondFourMebibytesAreRefusedAndNoneIsLost) {
+    const std::string text(1000000, 'x');
+    const std::string long_one = R"({"t":50,"number":"1","text":")" + text + "\"}";
+    // Number, text and address count.
+    const size_t left = size_t{4} * 1024 * 1024 - 4 * (1 + text.size() + ip.size());
+    const auto ofBytes = [&](size_t bytes) {
+        return R"({"t":50,"text":")" + std::string(bytes - ip.size(), 'y') + "\"}";
+    };
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(ask(long_one).out, kSmsAccepted);
+    EXPECT_EQ(ask(long_one).out, kSmsQueueFull);
+    EXPECT_EQ(ask(ofBytes(left + 1)).out, kSmsQueueFull);
+    EXPECT_EQ(ask(ofBytes(left)).out, kSmsAccepted);
+    EXPECT_EQ(ask(R"({"t":50})").out, kSmsQueueFull);
+    EXPECT_EQ(fronta_sms_raw.size(), 5);
+    _sms_raw message;
+    ASSERT_TRUE(fronta_sms_raw.take(message));
+    EXPECT_EQ(message.text, text);
+    EXPECT_EQ(ask(long_one).out, kSmsAccepted);
 }
 
 TEST_F(FcgiResponderTest, TheQueryIsDecodedAndOnlyPrinted) {

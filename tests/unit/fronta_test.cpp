@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -74,6 +75,121 @@ TEST(Fronta, EveryEntryOfSeveralProducersIsTakenOnceAndInTheProducersOrder) {
     }
     for (std::thread& producer : producers) producer.join();
     EXPECT_TRUE(queue.empty());
+}
+
+size_t lengthOf(const std::string& text) {
+    return text.size();
+}
+
+using Texts = BoundedFronta<std::string>;
+
+TEST(BoundedFronta, TakesSoManyEntriesAndGivesThemInTheirOrder) {
+    Texts queue(3, 100, lengthOf);
+    EXPECT_TRUE(queue.push("a"));
+    EXPECT_TRUE(queue.push(""));
+    EXPECT_TRUE(queue.push("c"));
+    EXPECT_FALSE(queue.push(""));
+    EXPECT_EQ(queue.size(), 3);
+    std::string item;
+    for (const char* expected : {"a", "", "c"}) {
+        ASSERT_TRUE(queue.take(item));
+        EXPECT_EQ(item, expected);
+    }
+    EXPECT_FALSE(queue.take(item));
+    EXPECT_EQ(item, "c");
+    EXPECT_TRUE(queue.empty());
+}
+
+TEST(BoundedFronta, TakesSoManyBytes) {
+    Texts queue(100, 10, lengthOf);
+    EXPECT_FALSE(queue.push(std::string(11, 'x')));
+    EXPECT_TRUE(queue.push("1234567"));
+    EXPECT_FALSE(queue.push("1234"));
+    EXPECT_TRUE(queue.push("123"));
+    EXPECT_TRUE(queue.push(""));
+    EXPECT_FALSE(queue.push("1"));
+    EXPECT_EQ(queue.size(), 3);
+}
+
+TEST(BoundedFronta, WhatIsTakenOrClearedMakesRoom) {
+    Texts queue(2, 10, lengthOf);
+    std::string item;
+    for (int round = 0; round < 5; ++round) {
+        ASSERT_TRUE(queue.push("12345"));
+        ASSERT_TRUE(queue.push("12345"));
+        ASSERT_FALSE(queue.push(""));
+        ASSERT_TRUE(queue.take(item));
+        ASSERT_TRUE(queue.push("54321"));
+        queue.clear();
+        EXPECT_TRUE(queue.empty());
+    }
+}
+
+TEST(BoundedFronta, APlaceThatIsTakenCountsLikeAnEntry) {
+    Texts queue(2, 10, lengthOf);
+    auto first = queue.place("123456");
+    ASSERT_TRUE(first);
+    EXPECT_EQ(queue.size(), 0);
+    EXPECT_FALSE(queue.push("12345"));
+    EXPECT_TRUE(queue.push("1234"));
+    EXPECT_FALSE(queue.place(""));
+    std::string item;
+    ASSERT_TRUE(queue.take(item));
+    queue.clear();
+    EXPECT_FALSE(queue.push("12345"));
+    first->push();
+    first->push();
+    EXPECT_EQ(queue.size(), 1);
+    first.reset();
+    EXPECT_FALSE(queue.push("12345"));
+    ASSERT_TRUE(queue.take(item));
+    EXPECT_EQ(item, "123456");
+    EXPECT_TRUE(queue.push("1234567890"));
+}
+
+TEST(BoundedFronta, APlaceThatIsNotUsedIsGivenBack) {
+    Texts queue(1, 10, lengthOf);
+    {
+        auto place = queue.place("1234567890");
+        ASSERT_TRUE(place);
+        const auto moved = std::move(*place);
+        EXPECT_FALSE(queue.push(""));
+    }
+    EXPECT_TRUE(queue.empty());
+    EXPECT_TRUE(queue.push("0987654321"));
+}
+
+TEST(BoundedFronta, WhoHasAPlaceIsNeverTurnedAwayAndTheBoundHolds) {
+    constexpr int kMost = 5;
+    constexpr int kProducers = 4;
+    BoundedFronta<int> queue(kMost, 1000, [](const int&) { return size_t{1}; });
+    std::atomic<int> accepted{0};
+    std::atomic<int> running{kProducers};
+    std::vector<std::thread> producers;
+    for (int producer = 0; producer < kProducers; ++producer) {
+        producers.emplace_back([&] {
+            for (int i = 0; i < 2000; ++i) {
+                auto place = queue.place(i);
+                if (!place) continue;
+                std::this_thread::yield();
+                place->push();
+                ++accepted;
+            }
+            --running;
+        });
+    }
+    int taken = 0;
+    int item = 0;
+    while (running > 0) {
+        EXPECT_LE(queue.size(), kMost);
+        if (queue.take(item)) ++taken;
+    }
+    for (std::thread& producer : producers) producer.join();
+    while (queue.take(item)) ++taken;
+    EXPECT_EQ(taken, accepted);
+    EXPECT_GE(taken, kMost);
+    for (int i = 0; i < kMost; ++i) EXPECT_TRUE(queue.push(i));
+    EXPECT_FALSE(queue.push(kMost));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "alarmd/requests/tcp_request_server.h"
 
+#include <atomic>
 #include <csignal>
 #include <thread>
 
@@ -12,6 +13,7 @@ namespace {
 using fcgi::Client;
 
 constexpr char kAccepted[] = "{\"s\":1,\"r\":50}\n";
+constexpr char kQueueFull[] = "{\"r\":50,\"s\":0,\"err\":\"SMS queue is full\"}\n";
 constexpr char kNotReady[] = "{\"r\":50,\"s\":0,\"err\":\"Modem activation failed\"}\n";
 constexpr char kParseFailure[] = "{\"s\":0, \"err\":\"Failed to parse JSON\"}";
 constexpr char kNoSms[] = "{\"r\":54,\"s\":1,\"d\":{\"Timestamp\":0,\"From\":\"\",\"Text\":\"\"}}\n";
@@ -100,6 +102,38 @@ TEST_F(TcpRequestServerTest, WithoutAModemNothingIsQueued) {
     EXPECT_EQ(ask(client, R"({"t":50,"number":"12345","text":"hi"})", kNotReady), kNotReady);
     EXPECT_EQ(ask(client, R"({"t":54})", kNotReady), kNotReady);
     EXPECT_TRUE(fronta_sms_raw.empty());
+}
+
+TEST_F(TcpRequestServerTest, AnSmsBeyondAThousandIsRefusedAndNoneIsLost) {
+    constexpr char kRequest[] = R"({"t":50,"number":"1","text":"x"})";
+    constexpr int kClients = 5;
+    std::atomic<int> accepted{0};
+    std::atomic<int> refused{0};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < kClients; ++i) {
+        clients.emplace_back([&] {
+            const Client client(port());
+            while (accepted + refused < 1100) {
+                client.say(kRequest);
+                // As long as the shorter of the two answers.
+                const std::string begin = hear(client, sizeof kAccepted - 1);
+                if (begin == kAccepted) {
+                    ++accepted;
+                } else {
+                    const std::string rest = hear(client, sizeof kQueueFull - sizeof kAccepted);
+                    EXPECT_EQ(begin + rest, kQueueFull);
+                    ++refused;
+                }
+            }
+        });
+    }
+    for (std::thread& client : clients) client.join();
+    EXPECT_EQ(accepted, 1000);
+    for (int look = 0; look < 2000 && fronta_sms_raw.size() < 1000; ++look) usleep(1000);
+    EXPECT_EQ(fronta_sms_raw.size(), 1000);
+    modemInit = false;
+    const Client client(port());
+    EXPECT_EQ(ask(client, kRequest, kNotReady), kNotReady);
 }
 
 TEST_F(TcpRequestServerTest, TheLastSmsIsTold) {
