@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "alarmd/alarmd.h"
+#include "alarmd/event_time.h"
 #include "alarmd/fatal.h"
 #include "alarmd/intake/notification_queues.h"
 #include "alarmd/json_reader.h"
@@ -58,19 +59,10 @@ void copyDefinitionTexts() {
     alarm_tag.dev = definition.device;
 }
 
-// The time that dates the alarm's state, or null for a state that is never new.
-const TimeTriple* eventTime() {
-    switch (alarm_tag.stat) {
-        case kDeactivated:
-            return &alarm_tag.dtm;
-        case kActivated:
-            return &alarm_tag.atm;
-        case kAcknowledged:
-        case kAckTimedState:
-            return &alarm_tag.acktm;
-        default:
-            return nullptr;
-    }
+// Another state is never new.
+bool stateIsKnown() {
+    return alarm_tag.stat == kDeactivated || alarm_tag.stat == kActivated ||
+           alarm_tag.stat == kAcknowledged || alarm_tag.stat == kAckTimedState;
 }
 
 void appendTime(std::string& log, const char* name, const TimeTriple& time) {
@@ -105,8 +97,8 @@ void printPortion(std::string& log) {
 
 // Queues the alarm in alarm_tag, and adds it to the log, when its state is newer than the start point.
 void takeIfNew(std::string& log) {
-    const TimeTriple* time = eventTime();
-    if (!time || !(instant(*time) > instant(last_timestamp, last_timestamp_ms))) return;
+    if (!stateIsKnown()) return;
+    if (!(instant(eventTime(alarm_tag)) > instant(last_timestamp, last_timestamp_ms))) return;
     uloz_alarm(alarm_tag.stat, log);
     appendAlarm(log);
     if (log.size() >= kLogPortion) printPortion(log);
@@ -114,10 +106,10 @@ void takeIfNew(std::string& log) {
 
 // The next poll begins one microsecond behind the alarm in alarm_tag.
 void moveStartPoint() {
-    const TimeTriple* time = eventTime();
-    if (!time) return;
-    last_timestamp = (*time)[0];
-    last_timestamp_ms = (*time)[1] + 1;
+    if (!stateIsKnown()) return;
+    const TimeTriple& time = eventTime(alarm_tag);
+    last_timestamp = time[0];
+    last_timestamp_ms = time[1] + 1;
 }
 
 const Json::Value& entriesOf(const Json::Value& answer) {

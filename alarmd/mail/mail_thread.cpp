@@ -7,6 +7,7 @@
 #include <string>
 
 #include "alarmd/alarmd.h"
+#include "alarmd/event_time.h"
 #include "alarmd/mail/mail.h"
 #include "alarmd/mail/texts.h"
 #include "alarmd/project/recipients.h"
@@ -32,27 +33,22 @@ constexpr char kTail[] =
     "</body>\n"
     "</html>\n";
 
-// What a mail says of an alarm's state, and when that began.
-struct Event {
-    const char* status;
-    int64_t time;  // seconds since the epoch
-};
-
 struct Recipient {
     int group;
     const _user& user;
 };
 
-Event eventOf(const _alarm_tag& alarm) {
+// What a mail says of an alarm's state.
+const char* statusOf(const _alarm_tag& alarm) {
     switch (alarm.stat) {
         case kDeactivated:
-            return {"Deactivate", alarm.dtm[0]};
+            return "Deactivate";
         case kActivated:
-            return {"Activate", alarm.atm[0]};
+            return "Activate";
         case kAcknowledged:
-            return {"Acknowledge", alarm.acktm[0]};
+            return "Acknowledge";
         default:  // kAckTimedState; the history reports no other
-            return {"", alarm.acktm[0]};
+            return "";
     }
 }
 
@@ -117,7 +113,7 @@ void makeMail(const _alarm_tag& alarm, const Recipient& recipient) {
 // Makes the alarm's mails. Returns how many were given up, because a client hung at a stop request in this
 // pass.
 int handleAlarm(const _alarm_tag& alarm, bool& hung) {
-    const int64_t event_time = eventOf(alarm).time;
+    const int64_t event_time = eventTime(alarm)[0];
     if (isStale(event_time)) {
         printStale(event_time);
         return 0;
@@ -150,7 +146,7 @@ std::string mailLanguage(const _user& recipient) {
 }
 
 std::string alarmMailBody(const _alarm_tag& alarm, const _langs& texts) {
-    return css_string + kTableHead + tableRow(alarm, eventOf(alarm).status, texts) + kTail;
+    return css_string + kTableHead + tableRow(alarm, statusOf(alarm), texts) + kTail;
 }
 
 void vlakno_m() {

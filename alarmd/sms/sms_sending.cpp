@@ -3,6 +3,7 @@
 #include <ctime>
 
 #include "alarmd/alarmd.h"
+#include "alarmd/event_time.h"
 #include "alarmd/json_reader.h"
 #include "alarmd/mail/texts.h"
 #include "alarmd/project/recipients.h"
@@ -34,20 +35,19 @@ int alarms_cut_off = 0;  // taken from the queue, but not told to everybody when
 // What an alarm's SMS is made of, by its state.
 struct SmsForm {
     const char* tag;
-    int64_t event_time;
     std::string suffix;
 };
 
 SmsForm smsForm(const _alarm_tag& alarm) {
     switch (alarm.stat) {
         case kDeactivated:
-            return {"(DEA)", alarm.dtm[0], ""};
+            return {"(DEA)", ""};
         case kActivated:
-            return {"(ACT)", alarm.atm[0], " /ack:" + std::to_string(alarm.id)};
+            return {"(ACT)", " /ack:" + std::to_string(alarm.id)};
         case kAcknowledged:
-            return {"(ACK)", alarm.acktm[0], ""};
+            return {"(ACK)", ""};
         default:
-            return {"", alarm.acktm[0], ""};
+            return {"", ""};
     }
 }
 
@@ -83,7 +83,7 @@ void notifyUser(_alarm_tag& alarm, const _user& recipient) {
 // False when a stop request came before the last of its messages.
 bool handleAlarm(_alarm_tag alarm) {
     PrintLine("Zpracovavam sms queue SMS");
-    const int64_t event_time = smsForm(alarm).event_time;
+    const int64_t event_time = eventTime(alarm)[0];
     if (isStale(event_time)) {
         printStale(event_time);
         return true;
