@@ -236,6 +236,7 @@ extern _user user;
 
 // ---------------------------------------------------------------------------------------------------------------
 // Queues. Pushed by main and the request threads, drained by the mail and SMS threads; each guards itself.
+// While no SMS thread works, main takes what is too old out of fronta_sms.
 
 extern Fronta<_alarm_tag> fronta_mail;
 extern Fronta<_alarm_tag> fronta_sms;

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <deque>
+#include <iterator>
 #include <optional>
-#include <queue>
 #include <utility>
+#include <vector>
 
 #include "knihovny/mutex.h"
 
@@ -14,7 +17,7 @@ class Fronta {
   public:
     void push(const T& item) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
-        queue_.push(item);
+        queue_.push_back(item);
     }
 
     // Moves the front entry into item. False when there is none.
@@ -22,13 +25,26 @@ class Fronta {
         MutexLock lock(mutex_);
         if (queue_.empty()) return false;
         item = std::move(queue_.front());
-        queue_.pop();
+        queue_.pop_front();
         return true;
+    }
+
+    // Removes the entries for which wanted(entry) is true and returns them; both they and those that stay
+    // keep their order. wanted is called under the queue's lock: REQUIRES: it neither waits nor uses this
+    // queue.
+    template <class Predicate>
+    std::vector<T> removeIf(Predicate wanted) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        const auto removed = std::stable_partition(queue_.begin(), queue_.end(),
+                                                   [&](const T& entry) { return !wanted(entry); });
+        std::vector<T> entries(std::make_move_iterator(removed), std::make_move_iterator(queue_.end()));
+        queue_.erase(removed, queue_.end());
+        return entries;
     }
 
     // Drops all entries.
     void clear() EXCLUDES(mutex_) {
-        std::queue<T> dropped;
+        std::deque<T> dropped;
         MutexLock lock(mutex_);
         queue_.swap(dropped);
     }
@@ -42,7 +58,7 @@ class Fronta {
 
   private:
     mutable Mutex mutex_;
-    std::queue<T> queue_ GUARDED_BY(mutex_);
+    std::deque<T> queue_ GUARDED_BY(mutex_);
 };
 
 // A Fronta with a bound on its entries and on their bytes. Who has to promise that an entry finds room takes

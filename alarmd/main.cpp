@@ -137,6 +137,7 @@ void runMainLoop() {
         if (readok) pollHistory();
         const time_t now = time(nullptr);
         if (last_resend + kResendIntervalSeconds < now) checkResend(now);
+        dropStaleSms();
         if (alarmsHaveBeenTold()) giveMemoryBack();
         if (!konec) sleep(kLoopPauseSeconds);
     }

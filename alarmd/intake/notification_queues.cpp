@@ -4,7 +4,9 @@
 #include <ctime>
 
 #include "alarmd/alarmd.h"
+#include "alarmd/event_time.h"
 #include "alarmd/project/alarm_definitions.h"
+#include "alarmd/stale_alarm.h"
 #include "knihovny/debugerror.h"
 
 namespace {
@@ -98,6 +100,12 @@ void uloz_alarm_wait_ack(int id, int stat) {
     std::string log;
     keepWaitForAck(id, stat, log);
     Print(log);
+}
+
+void dropStaleSms() {
+    if (vlakno_sms != 0) return;
+    const auto stale = [](const _alarm_tag& alarm) { return isStale(eventTime(alarm)[0]); };
+    for (const _alarm_tag& alarm : fronta_sms.removeIf(stale)) printStale(eventTime(alarm)[0]);
 }
 
 void checkResend(int64_t now) {

@@ -444,6 +444,28 @@ class Stale(sms_plant.SmsTest):
         self.assertEqual(len(self.modem.sms()), 1)
 
 
+    def test_without_a_port_it_leaves_the_queue(self):
+        self.leaves_the_queue(modemPort="")
+
+    def test_without_a_modem_at_the_port_it_leaves_the_queue(self):
+        self.leaves_the_queue()
+
+    def leaves_the_queue(self, **settings):
+        self.start_server()
+        self.start_plant(clock=True, **settings)
+        old, young = int(time.time()) + 10, int(time.time()) + 1000
+        self.sim.alarm(14, time=[old, 0])
+        self.sim.alarm(14, "deactivated", time=[young, 0])
+        self.daemon.out.wait("stat: 0")
+        self.assertNotIn("ALARM TIMEOUT", self.daemon.out.text())
+        self.set_clock(86400 + 20)
+        self.daemon.out.wait("ALARM TIMEOUT !!! (%d %s)" % (old, time.ctime(old)))
+        self.sim.wait_polls(2)
+        self.assertEqual(self.daemon.out.count(plant.starting("ALARM TIMEOUT !!!")), 1)
+        self.assert_stops()
+        self.daemon.err.wait("alarmd: stopping with 1 SMS queue entries unsent")
+
+
 class Waiting(sms_plant.SmsTest):
     """The list of alarms that wait for their acknowledge."""
 

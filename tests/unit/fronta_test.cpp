@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
@@ -50,6 +51,54 @@ TEST(Fronta, ClearDropsAllEntries) {
     queue.push(3);
     ASSERT_TRUE(queue.take(item));
     EXPECT_EQ(item, 3);
+}
+
+TEST(Fronta, RemovesWhatIsWantedAndKeepsTheOrderOfBoth) {
+    Fronta<int> queue;
+    const auto odd = [](int number) { return number % 2 == 1; };
+    EXPECT_TRUE(queue.removeIf(odd).empty());
+    for (const int number : {5, 2, 3, 4, 1}) queue.push(number);
+    EXPECT_EQ(queue.removeIf(odd), (std::vector<int>{5, 3, 1}));
+    EXPECT_TRUE(queue.removeIf(odd).empty());
+    EXPECT_EQ(queue.size(), 2);
+    queue.push(7);
+    int item = 0;
+    for (const int expected : {2, 4, 7}) {
+        ASSERT_TRUE(queue.take(item));
+        EXPECT_EQ(item, expected);
+    }
+    for (const int number : {1, 3}) queue.push(number);
+    EXPECT_EQ(queue.removeIf(odd).size(), 2U);
+    EXPECT_TRUE(queue.empty());
+}
+
+TEST(Fronta, AnEntryIsTakenOrRemovedAndNeverBoth) {
+    constexpr int kEntries = 20000;
+    Fronta<int> queue;
+    std::vector<int> seen(kEntries);
+    std::atomic<bool> taking{true};
+    int taken = 0;
+    std::thread taker([&] {
+        int item = 0;
+        while (taking || !queue.empty()) {
+            if (queue.take(item)) {
+                ++taken;
+                seen[static_cast<size_t>(item)] += 1;
+            }
+        }
+    });
+    std::vector<int> removed;
+    for (int i = 0; i < kEntries; ++i) {
+        queue.push(i);
+        if (i % 100 != 0) continue;
+        for (const int entry : queue.removeIf([](int entry) { return entry % 3 == 0; }))
+            removed.push_back(entry);
+    }
+    taking = false;
+    taker.join();
+    for (const int entry : removed) seen[static_cast<size_t>(entry)] += 1;
+    EXPECT_EQ(static_cast<size_t>(taken) + removed.size(), seen.size());
+    EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), [](int times) { return times == 1; }));
 }
 
 TEST(Fronta, EveryEntryOfSeveralProducersIsTakenOnceAndInTheProducersOrder) {

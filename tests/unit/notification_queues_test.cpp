@@ -291,6 +291,50 @@ TEST_F(NotificationQueues, WithoutResendNothingWaitsAndNothingIsDated) {
 }
 
 // ---------------------------------------------------------------------------------------------------------------
+// Without a modem
+
+// An alarm in this state whose moment was so long ago; its other moments are now.
+_alarm_tag happened(int id, int stat, int64_t seconds_ago) {
+    const int64_t now = time(nullptr);
+    _alarm_tag alarm;
+    alarm.id = id;
+    alarm.stat = stat;
+    alarm.atm[0] = alarm.dtm[0] = alarm.acktm[0] = now;
+    (stat == kActivated ? alarm.atm : stat == kDeactivated ? alarm.dtm : alarm.acktm)[0] -= seconds_ago;
+    return alarm;
+}
+
+std::string toldAsStale(const TimeTriple& moment) {
+    const time_t seconds = moment[0];
+    const std::string text = ctime(&seconds);
+    return "ALARM TIMEOUT !!! (" + std::to_string(seconds) + " " + text.substr(0, text.size() - 1) + ")\n";
+}
+
+TEST_F(NotificationQueues, WithoutAnSmsThreadAtWorkAlarmsOfADayAreDroppedAndTold) {
+    const _alarm_tag old[] = {happened(1, kActivated, 86400), happened(2, kDeactivated, 100000),
+                              happened(3, kAcknowledged, 86401), happened(4, kAckTimedState, 1000000)};
+    const _alarm_tag young[] = {happened(5, kActivated, 86000), happened(6, kDeactivated, 0),
+                                happened(7, kAcknowledged, 50)};
+    fronta_sms.push(young[0]);
+    for (const _alarm_tag& alarm : old) fronta_sms.push(alarm);
+    for (const _alarm_tag& alarm : {young[1], young[2]}) fronta_sms.push(alarm);
+    fronta_mail.push(old[0]);
+    EXPECT_EQ(outputOf(dropStaleSms), toldAsStale(old[0].atm) + toldAsStale(old[1].dtm) +
+                                          toldAsStale(old[2].acktm) + toldAsStale(old[3].acktm));
+    EXPECT_EQ(outputOf(dropStaleSms), "");
+    EXPECT_EQ(takeStates(fronta_sms), (States{{5, 1}, {6, 0}, {7, 2}}));
+    EXPECT_EQ(fronta_mail.size(), 1);
+}
+
+TEST_F(NotificationQueues, WhileTheSmsThreadWorksItsDrainTellsAndDropsThem) {
+    fronta_sms.push(happened(1, kActivated, 100000));
+    vlakno_sms = 1;
+    EXPECT_EQ(outputOf(dropStaleSms), "");
+    vlakno_sms = 0;
+    EXPECT_EQ(fronta_sms.size(), 1);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
 // The walk
 
 TEST_F(NotificationQueues, AWalkOverAnEmptyListPrintsItsFirstLineOnly) {
