@@ -28,7 +28,7 @@ void MyTcpClient::ZpracujByte(unsigned char byte) {
 
 bool MyTcpClient::lineIsOverdue() const {
     if (data_buf.empty()) return false;
-    timeval limit{line_milliseconds_ / 1000, line_milliseconds_ % 1000 * 1000};
+    timeval limit{line_milliseconds_ / 1000, suseconds_t{line_milliseconds_ % 1000} * 1000};
     timeval begin = line_begin_;
     timeval now = MonotonicTime();
     timeval age{};
