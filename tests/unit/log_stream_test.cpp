@@ -344,7 +344,9 @@ TEST_F(LogStreamTest, ControlSAndControlQStopAndStartATerminal) {
     const std::string before = readAll();
     ASSERT_EQ(::write(ends_.reading, "\x11", 1), 1);
     while (stream.hasDroppedLines()) stream.write({});
-    EXPECT_EQ(readAll(), dropped(written - count(before, '\n')));
+    // The key may have come within a line.
+    const std::string end = before.empty() || before.ends_with('\n') ? "" : "\n";
+    EXPECT_EQ(readAll(), end + dropped(written - count(before, '\n')));
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -487,6 +489,7 @@ std::atomic<int> handled{0};
 
 TEST_F(LogStreamLines, ASignalWithinAWriteNeitherHangsNorMixes) {
     constexpr int kSignals = 200;
+    fcntl(ends_.writing, F_SETPIPE_SZ, 1 << 16);  // so that there is room within a line
     stream_->setLimit(kLongLimit);
     stream_of_handler = &*stream_;
     handled = 0;
@@ -496,7 +499,7 @@ TEST_F(LogStreamLines, ASignalWithinAWriteNeitherHangsNorMixes) {
     });
     std::atomic<bool> stop{false};
     std::atomic<int> seen{0};
-    const std::string line = std::string(6000, 'x') + '\n';
+    const std::string line = std::string(200000, 'x') + '\n';
     std::thread writer([&] {
         while (!stop) write(line);
         write("end\n");
@@ -508,10 +511,17 @@ TEST_F(LogStreamLines, ASignalWithinAWriteNeitherHangsNorMixes) {
         }
         stop = true;
     });
-    for (std::string text; text != "end\n"; seen += text == "signal\n" ? 1 : 0) {
-        text = readUntil("\n");
-        EXPECT_TRUE(text == "signal\n" || text == "end\n" || text == line) << text;
+    FILE* const reader = fdopen(dup(ends_.reading), "r");
+    char* text = nullptr;
+    size_t size = 0;
+    std::string last;
+    while (last != "end\n" && getline(&text, &size, reader) > 0) {
+        last = text;
+        EXPECT_TRUE(last == "signal\n" || last == "end\n" || last == line) << last.substr(0, 100);
+        seen += last == "signal\n" ? 1 : 0;
     }
+    free(text);
+    fclose(reader);
     sender.join();
     writer.join();
     signal(SIGUSR1, SIG_DFL);
