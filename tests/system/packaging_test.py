@@ -58,6 +58,11 @@ class Unit(plant.PlantTest):
         for line in ("Restart=always", "User=korvato", "SupplementaryGroups=dialout", "StartLimitIntervalSec=0"):
             self.assertIn(line, lines)
 
+    def test_memory_is_bounded_above_all_that_input_can_take(self):
+        keys = dict(line.split("=", 1) for line in open(UNIT).read().splitlines() if re.match(r"\w+=", line))
+        bound = re.fullmatch(r"(\d+)G", keys["MemoryMax"])
+        self.assertTrue(1.6 < int(bound.group(1)) <= 4, keys["MemoryMax"])
+
     def test_a_stop_leaves_the_mail_client_alone_and_time_for_a_slow_relay(self):
         keys = dict(line.split("=", 1) for line in open(UNIT).read().splitlines() if re.match(r"\w+=", line))
         self.assertEqual(keys["KillMode"], "mixed")
