@@ -184,7 +184,7 @@ class BadServer(HistoryTest):
         daemon.err.wait(FAILED, count=2)
 
     def test_a_large_answer_is_taken_whole(self):
-        body = '{"d": [], "x": "%s"}' % ("y" * 20000000)
+        body = '{"d": [], "x": "%s"}' % ("y" * 15000000)
         self.start(lambda n, request: plant.http_answer(body if n == 0 else "{}"))
         self.answered(2)
         self.assertEqual(self.daemon.out.count("JSON : " + body), 1)
