@@ -1,5 +1,8 @@
 #include "alarmd/gps/gps_thread.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "tests/unit/project_files.h"
 #include "tests/unit/pty_modem.h"
 
@@ -104,17 +107,22 @@ TEST_F(GpsThreadTest, WithoutAPortTheThreadPrintsAnEmptyStoreUntilItIsStopped) {
     modemInit = true;
     MyThread3 thread;
     thread.NastavUkonceni(&konec);
+    const std::string started =
+        std::string("Starting thread GPS .....\nINFO: Can't open GPS port.\n") + kEmptyStore;
     const Output output = outputOf([&] {
-        std::thread stopper([] {
-            usleep(700000);
+        std::thread stopper([&] {
+            struct stat captured {};
+            PtyModem::eventually([&] {
+                fstat(STDOUT_FILENO, &captured);
+                return static_cast<size_t>(captured.st_size) >= started.size();
+            });
             konec = konecGps = true;
         });
         thread.Start(0);
         thread.Stop();
         stopper.join();
     });
-    EXPECT_EQ(output.out, std::string("Starting thread GPS .....\nINFO: Can't open GPS port.\n") +
-                              kEmptyStore + "->Vlakno GPS: Ukoncovani\n->Vlakno GPS: Konec\n");
+    EXPECT_EQ(output.out, started + "->Vlakno GPS: Ukoncovani\n->Vlakno GPS: Konec\n");
 }
 
 TEST_F(GpsThreadTest, TheThreadWaitsForTheModem) {
