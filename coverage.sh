@@ -45,7 +45,7 @@ if [[ -z $report_only ]]; then
     jobs=$(($(nproc) * 10))
     world=$(scripts/world.sh --probe)
     filter=""
-    run_ctest coverage
+    run_ctest coverage all
 fi
 
 # report FOLDERS OPTION...: gcovr's table of the folders, "a|b".

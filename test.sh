@@ -44,7 +44,7 @@ if [[ -n $all ]]; then packages=$all_packages; else packages=$test_packages; fi
 install_packages build/logs/install.log $packages || exit 1
 
 # System tests mostly wait.
-jobs=$(($(nproc) * 10))
+jobs=$(($(nproc) * 16))
 world=$(scripts/world.sh --probe)
 case $world in
     fixed) echo "No namespaces on this machine: system tests use /etc/korvato and the ports 11010 and 11032" \
@@ -52,12 +52,20 @@ case $world in
     none) echo "A plain user gets no namespaces on this machine, so the system tests are skipped; run this as root." ;;
 esac
 
+others=""
+if [[ -n $all ]]; then others="clang tidy asan tsan release"; fi
+
+# The system tests leave half of the machine to the compiler, so the unit tests are built while they run.
 step "Tests"
-if build_check dev; then
-    if [[ -n $all ]]; then in_background clang tidy asan tsan release; fi
-    run_ctest dev
-elif [[ -n $all ]]; then
-    in_background clang tidy asan tsan release
+if build_check dev system_programs; then
+    # shellcheck disable=SC2086
+    in_background dev $others
+    run_ctest dev system
+    if finish dev; then run_ctest dev unit; fi
+    if [[ $tests_found -eq 0 ]]; then fail "no test matches ${filter:-all}"; fi
+elif [[ -n $others ]]; then
+    # shellcheck disable=SC2086
+    in_background $others
 fi
 
 if [[ -n $all ]]; then

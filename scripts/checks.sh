@@ -36,9 +36,9 @@ check() {
     fi
 }
 
-# build_check PRESET: a build that is a test of its own.
+# build_check PRESET TARGET: a build of the target that is a test of its own.
 build_check() {
-    if build "$1" "build/logs/build-$1.log"; then pass "build $1"; else fail "build $1"; return 1; fi
+    if build "$1" "build/logs/build-$1-$2.log" "$2"; then pass "build $1 ($2)"; else fail "build $1 ($2)"; return 1; fi
 }
 
 # in_background JOB...: does the jobs (builds by their presets, and tidy) one after the other while the tests, which
@@ -85,7 +85,7 @@ finish() {
 # run once more, by twos, when the others are through; which ones passed only then is told.
 most_second_tries=12
 try_again() {
-    local again=build/logs/again-$preset.xml p2 f2 s2 second
+    local again=build/logs/again-$preset-$part.xml p2 f2 s2 second
     echo "  once more, by twos: the failed ones"
     rm -f "$again"
     "$@" ctest --test-dir "build/$preset" -j 2 --rerun-failed --output-on-failure --output-junit "$PWD/$again" \
@@ -98,27 +98,35 @@ try_again() {
     f=$f2
 }
 
-# run_ctest PRESET [PREFIX...]: runs the preset's tests (those that match the filter, where there is one) and adds up
-# the results. PREFIX is a command to run ctest by.
+# run_ctest PRESET PART [PREFIX...]: runs the preset's tests (those that match the filter, where there is one) and adds
+# up the results. PART: all, system (the system tests) or unit (the others). PREFIX is a command to run ctest by.
+tests_found=0
 run_ctest() {
-    local preset=$1 log=build/logs/test-$1.log junit=build/logs/test-$1.xml begin=$SECONDS counts p f s leave_out=""
-    shift
-    if [[ $world == fixed && $preset != dev ]]; then leave_out=system; fi
+    local preset=$1 part=$2 begin=$SECONDS counts p f s labels=()
+    local log=build/logs/test-$1-$2.log junit=build/logs/test-$1-$2.xml
+    shift 2
+    if [[ $world == fixed && $preset != dev ]]; then part=unit; fi
+    case $part in
+        system) labels=(-L system) ;;
+        unit) labels=(-LE system) ;;
+    esac
     rm -f "$junit"
-    "$@" ctest --test-dir "build/$preset" -j "$jobs" --output-on-failure --no-tests=error \
-        --output-junit "$PWD/$junit" ${filter:+-R "$filter"} ${leave_out:+-LE "$leave_out"} \
+    "$@" ctest --test-dir "build/$preset" -j "$jobs" --output-on-failure --no-tests=ignore \
+        --output-junit "$PWD/$junit" ${filter:+-R "$filter"} "${labels[@]}" \
         </dev/null 2>&1 | tee "$log" | show_tests
     counts=$(/usr/bin/python3 -B scripts/junit_counts.py "$junit")
     read -r p f s <<<"${counts%%$'\n'*}"
     if [[ $counts == *$'\n'* ]]; then echo "${counts#*$'\n'}"; fi
+    if [[ $((p + f + s)) -eq 0 ]]; then return; fi
+    tests_found=$((tests_found + p + f + s))
     if [[ $f -gt 0 && $f -le $most_second_tries ]]; then try_again "$@"; fi
     passed=$((passed + p))
     failed=$((failed + f))
     skipped=$((skipped + s))
     if [[ $f -gt 0 ]]; then
-        failures+=("$f of the tests of $preset; see $log")
+        failures+=("$f of the tests of $preset ($part); see $log")
     fi
-    echo "  tests of $preset: $p passed, $f failed, $s skipped in $((SECONDS - begin)) s ($log)"
+    echo "  tests of $preset ($part): $p passed, $f failed, $s skipped in $((SECONDS - begin)) s ($log)"
 }
 
 # Reads ctest's output: shows a counter for passed tests (on a terminal), and failed ones with what they printed.
@@ -142,7 +150,7 @@ show_tests() {
         elif [[ $show == yes && $shown -lt 60 ]]; then
             shown=$((shown + 1))
             echo "    $line"
-        elif [[ $line == "No tests were found"* || $line == *"Error"* && $line != "Errors while running CTest" ]]; then
+        elif [[ $line == *"Error"* && $line != "Errors while running CTest" ]]; then
             echo "  $line"
         fi
     done
@@ -182,7 +190,7 @@ sanitizer() {
     # One at a time the system tests take half an hour; once is enough.
     if [[ $world == fixed ]]; then skip "system tests of $1" "without namespaces only the dev build runs them"; fi
     # shellcheck disable=SC2086
-    run_ctest "$1" $prefix
+    run_ctest "$1" all $prefix
 }
 
 # trial NAME LOG COMMAND...: as check, but status 125 means that it cannot be tried on this machine.
