@@ -19,7 +19,7 @@ namespace {
 constexpr char kIdentity[] = "comcontrol";
 constexpr int kClosed = -1;
 constexpr int kBlock = 512;
-constexpr int kIdleMilliseconds = 10;
+constexpr int kIdleMilliseconds = 200;
 constexpr int kConnectSeconds = 5;
 constexpr int kSendSeconds = 3;
 constexpr int kOpenFlags = O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
@@ -244,8 +244,8 @@ void ComControl::ExecuteThread() {
     finished = true;
 }
 
-// A thread that looked every millisecond would cost a small machine two percent of a core; one that waits in
-// the device also sees a byte at once.
+// A thread that waits in the device sees a byte at once. It wakes by itself only to look at the stop flags,
+// which a signal handler may raise: even a hundred looks a second are half a percent of a core.
 int ComControl::readWhenReady(int descriptor, char* data, ErrorRepeats& repeats) {
     pollfd readable{descriptor, POLLIN, 0};
     if (poll(&readable, 1, kIdleMilliseconds) == 0) return 0;

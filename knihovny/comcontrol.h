@@ -40,7 +40,8 @@ class ComControl : public Thread3 {
     void SetCom(int speed, int parity, int flow, int mode, int xflow, const std::string& device);
 
     // Gives the channel a stop flag of the caller, which has to outlive it. While that flag is true the
-    // reading ends and sends are dropped. Before that the channel has a flag of its own, which is false.
+    // reading ends, within 0.2 s, and sends are dropped. Before that the channel has a flag of its own, which
+    // is false.
     void NastavUkonceni(std::atomic<bool>* flag);
     // Writes the current stop flag.
     void NastavUkonceni(bool value);
@@ -52,8 +53,8 @@ class ComControl : public Thread3 {
     // connected.
     bool Connect();
 
-    // Ends the reading and closes the device. Returns true; or false when no reading was under way, after 5
-    // seconds.
+    // Ends the reading, within 0.2 s, and closes the device. Returns true; or false when no reading was under
+    // way, after 5 seconds.
     bool Disconnect();
 
     // Ends the reading and closes the device, without the wait.
@@ -83,7 +84,8 @@ class ComControl : public Thread3 {
     virtual void ZpracujByte(char* c);  // c[1] is 0
     virtual void ZpracujByte(unsigned char c);
     virtual void ZpracujPacket(int length, const unsigned char* data);
-    // and about every 10 ms while there is nothing to read.
+    // and whenever a look at the device gives nothing: about five times a second while there is nothing to
+    // read.
     virtual void OnInterval();
     // These are called on the sending thread, while other senders wait.
     virtual void AfterSend();
