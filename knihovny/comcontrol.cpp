@@ -248,10 +248,12 @@ void ComControl::ExecuteThread() {
 // which a signal handler may raise: even a hundred looks a second are half a percent of a core.
 int ComControl::readWhenReady(int descriptor, char* data, ErrorRepeats& repeats) {
     pollfd readable{descriptor, POLLIN, 0};
-    if (poll(&readable, 1, kIdleMilliseconds) == 0) return 0;
+    const bool ready = poll(&readable, 1, kIdleMilliseconds) != 0;
+    // Also when nothing is told to be there: a terminal that was full while its mode changed may need a read
+    // to take in more.
     const int length = SockRead2(descriptor, data, kBlock, &repeats);
     // A device that fails or was unplugged is ready for ever.
-    if (length <= 0) MySleep(0, kIdleMilliseconds * 1000000L);
+    if (ready && length <= 0) MySleep(0, kIdleMilliseconds * 1000000L);
     return length;
 }
 
