@@ -132,6 +132,8 @@ class LoadTest(requests_plant.RequestTest):
         before = {queue: self.passes.get(queue, (0, 0))[1] for queue in queues}
         self.wait(lambda: all(self.passes.get(queue, (1, 0))[0] == 0 and self.passes[queue][1] > before[queue] + 1
                               for queue in queues), "empty queues")
+        # The main thread gives back what a burst has taken, in the pass in which it sees that all is told.
+        self.server.wait_requests(len(self.server.requests) + 2, LIMIT)
 
     def memory(self):
         return counting_plant.resources(self.daemon.pid)
