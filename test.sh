@@ -44,7 +44,7 @@ if [[ -n $all ]]; then packages=$all_packages; else packages=$test_packages; fi
 install_packages build/logs/install.log $packages || exit 1
 
 # System tests mostly wait.
-jobs=$(($(nproc) * 16))
+jobs=$(($(nproc) * 12))
 world=$(scripts/world.sh --probe)
 case $world in
     fixed) echo "No namespaces on this machine: system tests use /etc/korvato and the ports 11010 and 11032" \
