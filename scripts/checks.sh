@@ -102,16 +102,16 @@ try_again() {
 # up the results. PART: all, system (the system tests) or unit (the others). PREFIX is a command to run ctest by.
 tests_found=0
 run_ctest() {
-    local preset=$1 part=$2 begin=$SECONDS counts p f s labels=()
+    local preset=$1 part=$2 begin=$SECONDS counts p f s labels=() at_once=$jobs
     local log=build/logs/test-$1-$2.log junit=build/logs/test-$1-$2.xml
     shift 2
     if [[ $world == fixed && $preset != dev ]]; then part=unit; fi
     case $part in
         system) labels=(-L system) ;;
-        unit) labels=(-LE system) ;;
+        unit) labels=(-LE system) at_once=$((jobs / 2)) ;;  # they wait less
     esac
     rm -f "$junit"
-    "$@" ctest --test-dir "build/$preset" -j "$jobs" --output-on-failure --no-tests=ignore \
+    "$@" ctest --test-dir "build/$preset" -j "$at_once" --output-on-failure --no-tests=ignore \
         --output-junit "$PWD/$junit" ${filter:+-R "$filter"} "${labels[@]}" \
         </dev/null 2>&1 | tee "$log" | show_tests
     counts=$(/usr/bin/python3 -B scripts/junit_counts.py "$junit")
