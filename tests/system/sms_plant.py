@@ -28,8 +28,8 @@ EXCEEDED = "!!!! COUNT SMS PEER MIN EXCEEDED !!!"
 # Lines of the other threads that may stand between those of the SMS thread.
 _OTHERS = re.compile("JSON : |::|--> Check|\x1b\\[0;0;31m|-{15}|(id|acktm|ackv|area|atm|av|dev|dtm|dv|stat|sv|user): ")
 
-# Pauses are seen on the line by another process, which may be late.
-LATE = 0.6  # seconds; how late what is timed may be seen on a busy machine, less than any pause that is timed
+# Pauses are seen on the line by another process, which may be late, though by less than any pause that is timed.
+LATE = 0.6  # seconds
 
 # What the daemon sends to a modem without a PIN in its settings, until the working loop begins.
 INITIALISATION = b'AT+CPIN=""\r\rAT^CURC=0\rAT+CMGF=1\rAT+CSCA="%s"\r' % CENTRE.encode()
