@@ -134,7 +134,9 @@ void runMainLoop() {
     last_resend = time(nullptr);
     while (!konec) {
         if (reload && !konec) reread();
-        if (readok) pollHistory();
+        const bool poll_now = readok;
+        tcps.PollIsHeldUp(!poll_now);
+        if (poll_now) pollHistory();
         const time_t now = time(nullptr);
         if (last_resend + kResendIntervalSeconds < now) checkResend(now);
         dropStaleSms();

@@ -6,6 +6,15 @@
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
+namespace {
+
+int64_t monotonicMilliseconds() {
+    const timeval now = MonotonicTime();
+    return int64_t{now.tv_sec} * 1000 + now.tv_usec / 1000;
+}
+
+}  // namespace
+
 MyTcpClient tcps;
 MyTcpClient tcpc;
 
@@ -36,11 +45,32 @@ bool MyTcpClient::lineIsOverdue() const {
     return TimevalMensi(&limit, &age);
 }
 
+void MyTcpClient::PollIsHeldUp(bool held_up) {
+    if (!held_up) {
+        held_since_ = 0;
+    } else if (held_since_ == 0) {
+        held_since_ = monotonicMilliseconds();
+    }
+}
+
+bool MyTcpClient::pollsWaitTooLong() const {
+    const int64_t since = held_since_;
+    return since != 0 && monotonicMilliseconds() - since > line_milliseconds_;
+}
+
 void MyTcpClient::AfterRead(int result, char* /*buffer*/) {
     // A connection that has ended takes its line along.
-    if (result < 0 || !lineIsOverdue()) return;
-    PrintErrorLine("alarmd: a line from ", ServerName(), " is unfinished after ", line_milliseconds_ / 1000.0,
+    if (result < 0) return;
+    const char* trouble = nullptr;
+    if (lineIsOverdue()) {
+        trouble = " is unfinished after ";
+    } else if (pollsWaitTooLong()) {
+        trouble = ", one behind the other, holds up the polls since ";
+    }
+    if (trouble == nullptr) return;
+    PrintErrorLine("alarmd: a line from ", ServerName(), trouble, line_milliseconds_ / 1000.0,
                    " s: dropped with its connection");
+    held_since_ = 0;
     HangUp();
 }
 

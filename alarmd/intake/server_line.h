@@ -3,7 +3,9 @@
 
 #include <sys/time.h>
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "knihovny/tcpclient2.h"
@@ -26,6 +28,10 @@ class MyTcpClient final : public TcpClient2 {
     // Looks at the age of the line that has begun.
     void AfterRead(int result, char* buffer) override;
 
+    // Main's word at each of its looks: whether a half-received line keeps it from polling. Lines that do so
+    // at every look for the same time are dropped with their connection, too: each may be short.
+    void PollIsHeldUp(bool held_up);
+
     // A half-received line dies with its connection.
     void OnDisconnect() override;
 
@@ -34,10 +40,13 @@ class MyTcpClient final : public TcpClient2 {
 
   private:
     bool lineIsOverdue() const;
+    bool pollsWaitTooLong() const;
 
     const int line_milliseconds_;
     std::string data_buf;   // the line being received; this and the next: reading thread only
     timeval line_begin_{};  // when its first byte came
+
+    std::atomic<int64_t> held_since_{0};  // milliseconds of the monotonic clock; 0: polls are not held up
 };
 
 extern MyTcpClient tcps;  // to the server's local port

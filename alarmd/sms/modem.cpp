@@ -37,6 +37,7 @@ constexpr char kEscape = '\x1b';
 // of rcv_msg, perhaps before the SMS thread has looked. A later OK changes nothing, or a message with an OK
 // and a header line in its text could pass for one from another sender.
 char complete_reply[kReplyBufferSize] GUARDED_BY(reply_mutex);
+bool complete GUARDED_BY(reply_mutex) = false;
 
 // Bytes went over the reply's start since clearReply, behind an ER or for want of room: now, and when the
 // reply was complete.
@@ -51,6 +52,7 @@ char line[sizeof "+CMS ERROR:"] GUARDED_BY(reply_mutex);
 size_t line_length GUARDED_BY(reply_mutex) = 0;
 
 PromptAnswer prompt_answer GUARDED_BY(reply_mutex) = PromptAnswer::kNone;
+bool prompt_given GUARDED_BY(reply_mutex) = false;  // at any time since the line was sent
 
 bool text_kept_back = false;  // SMS thread only
 
@@ -66,7 +68,10 @@ void watchLine(char c) REQUIRES(reply_mutex) {
         line_length = 0;
     } else if (line_length < sizeof line) {
         line[line_length++] = c;
-        if (lineIs("> ")) prompt_answer = PromptAnswer::kPrompt;
+        if (lineIs("> ")) {
+            prompt_answer = PromptAnswer::kPrompt;
+            prompt_given = true;
+        }
         if (lineIs("+CMS ERROR:") || lineIs("+CME ERROR:")) prompt_answer = PromptAnswer::kError;
     }
 }
@@ -76,7 +81,8 @@ bool endsWith(char first, char second) REQUIRES(reply_mutex) {
 }
 
 void completeReply() REQUIRES(reply_mutex) {
-    if (complete_reply[0] == '\0') {
+    if (!complete) {
+        complete = true;
         memcpy(complete_reply, rcv_msg, sizeof complete_reply);
         complete_overwritten = overwritten;
     }
@@ -86,8 +92,14 @@ void completeReply() REQUIRES(reply_mutex) {
     receive = 1;  // last: whoever sees it finds the reply
 }
 
-void noteLatePrompt() {
-    if (!text_kept_back || promptAnswer() != PromptAnswer::kPrompt) return;
+bool promptGiven() {
+    MutexLock lock(reply_mutex);
+    return prompt_given;
+}
+
+// Also before the error that kept the text back: that one may have been for something else.
+void notePrompt() {
+    if (!text_kept_back || !promptGiven()) return;
     text_kept_back = false;
     owed_bytes += kEscape;
 }
@@ -168,7 +180,7 @@ void modem::OnInterval() {
 void clearReply() {
     MutexLock lock(reply_mutex);
     memset(rcv_msg, 0, sizeof rcv_msg);
-    memset(complete_reply, 0, sizeof complete_reply);
+    complete = false;
     pocetpz = 0;
     overwritten = false;
     complete_overwritten = false;
@@ -181,7 +193,7 @@ void rewindReply() {
 
 std::string replyText() {
     MutexLock lock(reply_mutex);
-    const char* text = complete_reply[0] != '\0' ? complete_reply : rcv_msg;
+    const char* text = complete ? complete_reply : rcv_msg;
     return std::string(text, strnlen(text, kReplyBufferSize));
 }
 
@@ -195,6 +207,7 @@ void awaitPrompt() {
     MutexLock lock(reply_mutex);
     if (line_length > 0) line_length = sizeof line;
     prompt_answer = PromptAnswer::kNone;
+    prompt_given = false;
 }
 
 PromptAnswer promptAnswer() {
@@ -212,12 +225,12 @@ void payOwedBytes() {
 }
 
 void offerOwedBytes() {
-    noteLatePrompt();
+    notePrompt();
     while (!owed_bytes.empty() && MyModem.TrySendByte(owed_bytes.front())) owed_bytes.erase(0, 1);
 }
 
 bool freeLine() {
-    noteLatePrompt();
+    notePrompt();
     if (owed_bytes.empty()) return true;
     payOwedBytes();
     if (!owed_bytes.empty()) return false;

@@ -1,7 +1,9 @@
 #include "alarmd/sms/sms_reception.h"
 
 #include <algorithm>
+#include <cctype>
 #include <ctime>
+#include <string_view>
 
 #include "alarmd/intake/history_poll.h"
 #include "alarmd/intake/server_line.h"
@@ -37,6 +39,44 @@ bool inQuotationMarks(const std::string& field) {
            std::count(field.begin(), field.end(), '"') == 2;
 }
 
+// A reply of which only a part came, or to which something is added, has lines of the text in other places.
+bool hasItsShape(const std::vector<std::string>& lines) {
+    std::string first = lines[0];
+    std::erase(first, '\r');
+    const bool echo = first.ends_with("AT+CMGR=" + std::to_string(msg_cnt));
+    return (first.empty() || echo) && lines[1].starts_with("+CMGR:");
+}
+
+// Takes a text in quotation marks from the front. False when there is none.
+bool takeQuoted(std::string_view& rest) {
+    const size_t end = rest.starts_with('"') ? rest.find('"', 1) : std::string_view::npos;
+    if (end == std::string_view::npos) return false;
+    rest.remove_prefix(end + 1);
+    return true;
+}
+
+// Behind the sender come a name in quotation marks or nothing, the time, and perhaps numbers. A sender with
+// quotation marks and commas of its own moves them out of their places.
+bool isFollowedByItsTime(std::string_view rest) {
+    if (rest.ends_with('\r')) rest.remove_suffix(1);
+    const auto marks = std::count(rest.begin(), rest.end(), '"');
+    if (marks == 0) return true;
+    if (marks % 2 != 0 || !rest.starts_with(',')) return false;
+    rest.remove_prefix(1);
+    if (takeQuoted(rest) && rest.empty()) return true;
+    if (!rest.starts_with(',')) return false;
+    rest.remove_prefix(1);
+    if (!takeQuoted(rest)) return false;
+    return rest.empty() ||
+           (rest.size() > 1 && rest[0] == ',' && isdigit(static_cast<unsigned char>(rest[1])));
+}
+
+bool isWholeSender(const std::string& sender, const std::string& header) {
+    const size_t at = header.find("," + sender);
+    return inQuotationMarks(sender) &&
+           isFollowedByItsTime(std::string_view(header).substr(at + 1 + sender.size()));
+}
+
 IncomingSms parseReply(const std::string& reply) {
     IncomingSms message;
     const std::vector<std::string> lines = txt2vector(reply, "\n");
@@ -48,7 +88,7 @@ IncomingSms parseReply(const std::string& reply) {
     // What stands in the sender's place of a broken reply may be of the text's making.
     if (header.size() <= 1 || !replyIsWhole()) return message;
     message.from = header[1];
-    message.whole_sender = inQuotationMarks(message.from);
+    message.whole_sender = hasItsShape(lines) && isWholeSender(message.from, lines[1]);
     std::erase(message.from, '"');
     message.has_sender = true;
     PrintLine("\tFrom: ", message.from);

@@ -136,6 +136,30 @@ TEST_F(ServerLineTest, ALineThatIsLeftUnfinishedInSilenceIsDroppedToo) {
     EXPECT_NE(testing::internal::GetCapturedStderr().find(" is unfinished after 0.3 s: "), std::string::npos);
 }
 
+TEST_F(ServerLineTest, LinesThatHoldUpThePollsOneBehindTheOtherAreDroppedWithTheirConnection) {
+    testing::internal::CaptureStderr();
+    MyTcpClient client(300);
+    connect(client);
+    client.PollIsHeldUp(true);
+    while (!clientHasGone() && say("\ny")) usleep(20000);
+    waitForEnd(client);
+    EXPECT_TRUE(readok);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "alarmd: a line from 127.0.0.1:" + std::to_string(port_) +
+                  ", one behind the other, holds up the polls since 0.3 s: dropped with its connection\n");
+}
+
+TEST_F(ServerLineTest, APollBetweenTwoLinesGivesTheNextOnesTheWholeTime) {
+    MyTcpClient client(300);
+    connect(client);
+    for (int i = 0; i < 40; ++i) {
+        client.PollIsHeldUp(i % 4 != 0);
+        ASSERT_TRUE(say("\ny"));
+        usleep(20000);
+    }
+    EXPECT_TRUE(client.IsConnected());
+}
+
 TEST_F(ServerLineTest, EachLineHasItsOwnTime) {
     testing::internal::CaptureStderr();
     MyTcpClient client(2000);

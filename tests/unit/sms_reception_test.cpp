@@ -207,6 +207,42 @@ TEST_F(SmsReceptionTest, ASenderNotInQuotationMarksFromEndToEndIsShownAndNeverAu
     EXPECT_EQ(server_.take(), "");
 }
 
+TEST_F(SmsReceptionTest, ASenderThatClosesItsQuotationMarksItselfIsNotAuthorised) {
+    addUser(7, "+37251234", true);
+    addUser(8, "12345", true);
+    tcps.Init("127.0.0.1", server_.number());
+    for (const char* sender : {"+37251234\",", "+37251234\"", "12345\",\"", "12345\",,\"", "12345\",,\"x"}) {
+        SCOPED_TRACE(sender);
+        const std::string log = readWith(
+            reply(std::string("\"REC UNREAD\",\"") + sender + "\",,\"26/11/21,10:00:00+04\"", "ACK:17"));
+        EXPECT_NE(log.find("UNAUTHORIZED USER !!!\n"), std::string::npos) << log;
+        EXPECT_EQ(log.find("\nAUTHORIZED"), std::string::npos);
+    }
+    EXPECT_EQ(server_.take(), "");
+}
+
+TEST_F(SmsReceptionTest, ANameWithACommaAndNumbersBehindTheTimeLeaveTheSenderWhole) {
+    addUser(7, "+37251234", true);
+    setProject("1");
+    tcps.Init("127.0.0.1", server_.number());
+    readWith(
+        reply("\"REC UNREAD\",\"+37251234\",\"Novak, Jan\",\"26/11/21,10:00:00+04\",145,4,0,0,\"+420\",145,6",
+              "ACK:17"));
+    EXPECT_EQ(server_.take(), "t=11&prj=1&id=17&userID=7&ackText=ACK_SMS");
+}
+
+TEST_F(SmsReceptionTest, LinesOfATextThatStandInTheHeadersPlaceAuthoriseNobody) {
+    addUser(7, "+37251234", true);
+    tcps.Init("127.0.0.1", server_.number());
+    for (const char* broken : {"part of a header\r\nX,\"+37251234\"\r\nACK:17\r\n\r\nOK\r\n",
+                               "part\r\n+CMGR: \"x\",\"+37251234\"\r\nACK:17\r\n\r\nOK\r\n",
+                               "+CMGR: \"REC UNREAD\",\"5\"\r\nX,\"+37251234\"\r\nACK:17\r\n\r\nOK\r\n"}) {
+        SCOPED_TRACE(broken);
+        EXPECT_NE(readWith(broken).find("UNAUTHORIZED USER !!!\n"), std::string::npos);
+    }
+    EXPECT_EQ(server_.take(), "");
+}
+
 TEST_F(SmsReceptionTest, AUserWithoutControlDoesNotEndTheSearch) {
     addUser(1, "5", false);
     addUser(2, "5", true);
