@@ -180,7 +180,7 @@ sanitizer_prefix() {
 
 # sanitizer PRESET LIST: the tests under sanitizers, when the build in the background is ready.
 sanitizer() {
-    local prefix
+    local prefix jobs=$(($(nproc) * 8))  # programs built with sanitizers work more than they wait
     step "Tests with -fsanitize=$2"
     if ! prefix=$(sanitizer_prefix "$2"); then
         skip "tests with -fsanitize=$2" "programs built with it do not start under this kernel"
