@@ -7,12 +7,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <iterator>
 #include <string_view>
 
 #include "alarmd/alarmd.h"
+#include "knihovny/debugerror.h"
 
 int client_stop_limit = 60;
 
@@ -24,6 +27,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int kSliceMs = 100;
 // Without a process descriptor the client's end is looked for this often.
 constexpr int kBlindSliceMs = 5;
+// What a pipe holds, so that one read behind the client's end takes all that it left.
+constexpr size_t kPipeSize = 65536;
 
 class Descriptor {
   public:
@@ -42,13 +47,41 @@ class Descriptor {
     int fd_;
 };
 
+// A pipe of which one end is the daemon's, who never waits at it, and the other one the client's, for whom it
+// is an ordinary, blocking one.
+struct Pipe {
+    Descriptor own;
+    Descriptor clients;
+
+    // own_end: 0 to read from the client, 1 to write to it. Returns false with errno.
+    bool open(int own_end) {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) return false;
+        own.reset(ends[own_end]);
+        clients.reset(ends[1 - own_end]);
+        return fcntl(own.get(), F_SETFL, O_NONBLOCK) == 0;
+    }
+};
+
+struct ClientPipes {
+    Pipe input, output, errors;
+
+    bool open() { return input.open(1) && output.open(0) && errors.open(0); }
+
+    void closeClientsEnds() {
+        for (Pipe* pipe : {&input, &output, &errors}) pipe->clients.reset();
+    }
+};
+
 // What the client begins with. Descriptors from 3 on are closed by number, because some are opened inside
 // libraries.
 class SpawnSetup {
   public:
-    explicit SpawnSetup(int standard_input) {
+    explicit SpawnSetup(const ClientPipes& pipes) {
         posix_spawn_file_actions_init(&actions_);
-        posix_spawn_file_actions_adddup2(&actions_, standard_input, STDIN_FILENO);
+        posix_spawn_file_actions_adddup2(&actions_, pipes.input.clients.get(), STDIN_FILENO);
+        posix_spawn_file_actions_adddup2(&actions_, pipes.output.clients.get(), STDOUT_FILENO);
+        posix_spawn_file_actions_adddup2(&actions_, pipes.errors.clients.get(), STDERR_FILENO);
         posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
         posix_spawnattr_init(&attributes_);
         sigset_t signals;
@@ -79,14 +112,16 @@ class SpawnSetup {
     posix_spawnattr_t attributes_;
 };
 
-// A client that runs: feeds it, waits for it and, when it takes too long at a stop request, ends it.
+// A client that runs: feeds it, logs what it says, waits for it and, when it takes too long at a stop
+// request, ends it.
 class RunningClient {
   public:
-    // input_end: the writing end of the client's standard input, non-blocking.
-    RunningClient(pid_t pid, Descriptor& input_end, std::string_view input)
+    RunningClient(pid_t pid, ClientPipes& pipes, std::string_view input)
         : pid_(pid),
           process_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))),
-          input_end_(input_end),
+          input_end_(pipes.input.own),
+          output_end_(pipes.output.own),
+          errors_end_(pipes.errors.own),
           rest_(input) {}
 
     ClientResult run() {
@@ -94,8 +129,10 @@ class RunningClient {
         while (!ended()) {
             waitForEvent();
             if (input_end_.get() >= 0) feed();
+            logWords();
             if (konec) pressToStop();
         }
+        logWords();
         return result_;
     }
 
@@ -116,10 +153,27 @@ class RunningClient {
         input_end_.reset();
     }
 
-    // Until the client has ended or reads on, or a slice has passed. poll skips descriptors of -1.
+    void logWords() {
+        logWords(output_end_, Print);
+        logWords(errors_end_, PrintError);
+    }
+
+    // One read each time: a client that talks without end is still waited for.
+    void logWords(Descriptor& end, void (*log)(std::string_view)) {
+        if (end.get() < 0) return;
+        const ssize_t length = read(end.get(), words_.data(), words_.size());
+        if (length > 0) log({words_.data(), static_cast<size_t>(length)});
+        if (length == 0) end.reset();
+    }
+
+    // Until the client has ended, reads on or says something, or a slice has passed. poll skips descriptors
+    // of -1.
     void waitForEvent() {
-        pollfd events[] = {{process_.get(), POLLIN, 0}, {input_end_.get(), POLLOUT, 0}};
-        poll(events, 2, process_.get() >= 0 ? kSliceMs : kBlindSliceMs);
+        pollfd events[] = {{process_.get(), POLLIN, 0},
+                           {input_end_.get(), POLLOUT, 0},
+                           {output_end_.get(), POLLIN, 0},
+                           {errors_end_.get(), POLLIN, 0}};
+        poll(events, std::size(events), process_.get() >= 0 ? kSliceMs : kBlindSliceMs);
         may_have_ended_ = process_.get() < 0 || events[0].revents != 0;
     }
 
@@ -157,7 +211,10 @@ class RunningClient {
     const pid_t pid_;
     const Descriptor process_;  // pidfd, -1 where the kernel has none
     Descriptor& input_end_;
+    Descriptor& output_end_;
+    Descriptor& errors_end_;
     std::string_view rest_;  // of the input
+    std::array<char, kPipeSize> words_;
     bool may_have_ended_ = false;
     bool stop_seen_ = false;
     int signals_sent_ = 0;
@@ -169,16 +226,11 @@ class RunningClient {
 
 ClientResult runClient(const std::string& path, const std::vector<std::string>& arguments,
                        const std::string& input) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) return {ClientResult::kNotStarted, errno};
-    Descriptor read_end(ends[0]);
-    Descriptor write_end(ends[1]);
-    // Only this end: the client expects an ordinary, blocking standard input.
-    fcntl(write_end.get(), F_SETFL, O_NONBLOCK);
-
+    ClientPipes pipes;
+    if (!pipes.open()) return {ClientResult::kNotStarted, errno};
     pid_t pid = -1;
-    const int error = SpawnSetup(read_end.get()).spawn(path, arguments, pid);
+    const int error = SpawnSetup(pipes).spawn(path, arguments, pid);
     if (error != 0) return {ClientResult::kNotStarted, error};
-    read_end.reset();
-    return RunningClient(pid, write_end, input).run();
+    pipes.closeClientsEnds();
+    return RunningClient(pid, pipes, input).run();
 }

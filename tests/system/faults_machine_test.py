@@ -185,13 +185,14 @@ class Log(MachineTest):
             self.assertEqual(writer.write(FILLING), len(FILLING))
         return path, reader
 
-    def start_into(self, path):
-        """Server, modem and a daemon that writes all of its log to path; alarm 14 is told by mail and SMS."""
+    def start_into(self, path, client=""):
+        """Server, modem and a daemon that writes all of its log to path; alarm 14 is told by mail and SMS. client: what
+        the mail client does besides."""
         self.start_server()
         self.start_modem()
         self.settings()
         self.project(cas=[sms_plant.definition(14, [2], email=True)], users=sms_plant.USERS)
-        self.client = self.fake_client()
+        self.fake_client(client)
         self.daemon = self.start_daemon(wrapper=["/bin/sh", "-c", 'exec "$@" >"%s" 2>&1' % path, "sh"])
         self.sim.wait_polls(1)
 
@@ -233,6 +234,14 @@ class Log(MachineTest):
         path, reader = self.full_pipe()
         self.start_into(path)
         self.tell("activated", 1, "(ACT) Message 14 /ack:14")
+        self.assert_stops()
+        self.assertEqual(os.read(reader, 65536), FILLING)
+
+    def test_a_client_that_complains_into_a_log_that_is_not_read_costs_no_mail(self):
+        path, reader = self.full_pipe()
+        self.start_into(path, "echo 'the relay refuses'; echo 'the relay refuses' >&2; exit 69")
+        self.tell("activated", 1, "(ACT) Message 14 /ack:14")
+        self.tell("deactivated", 2, "(DEA) Message 14")
         self.assert_stops()
         self.assertEqual(os.read(reader, 65536), FILLING)
 

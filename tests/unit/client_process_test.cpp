@@ -70,12 +70,49 @@ TEST_F(ClientProcess, ReadsAnEmptyInputAsItsEnd) {
     EXPECT_EQ(fileText(folder / "input"), "");
 }
 
-TEST_F(ClientProcess, HasABlockingStandardInput) {
-    expectResult(runScript("exec cat /proc/self/fdinfo/0 >\"$DIR/info\""), ClientResult::kExited, 0);
-    const std::string info = fileText(folder / "info");
-    const size_t flags = info.find("flags:\t");
-    ASSERT_NE(flags, std::string::npos);
-    EXPECT_EQ(std::stol(info.substr(flags + 7), nullptr, 8) & O_NONBLOCK, 0);
+TEST_F(ClientProcess, HasBlockingStandardDescriptors) {
+    expectResult(runScript("for fd in 0 1 2; do cat /proc/$$/fdinfo/$fd >\"$DIR/$fd\"; done"),
+                 ClientResult::kExited, 0);
+    for (const char* fd : {"0", "1", "2"}) {
+        const std::string info = fileText(folder / fd);
+        const size_t flags = info.find("flags:\t");
+        ASSERT_NE(flags, std::string::npos);
+        EXPECT_EQ(std::stol(info.substr(flags + 7), nullptr, 8) & O_NONBLOCK, 0) << fd;
+    }
+}
+
+TEST_F(ClientProcess, TalksToTheLogByteForByte) {
+    Output output(STDOUT_FILENO), errors(STDERR_FILENO);
+    expectResult(runScript("printf 'one\\n\\000two'\nprintf 'oops\\r\\n' >&2\nexit 3"), ClientResult::kExited,
+                 3);
+    EXPECT_EQ(output.text(), std::string("one\n\0two", 8));
+    EXPECT_EQ(errors.text(), "oops\r\n");
+}
+
+TEST_F(ClientProcess, MayTalkALotBeforeItReads) {
+    Output output(STDOUT_FILENO), errors(STDERR_FILENO);
+    std::ofstream(folder / "words", std::ios::binary) << largeInput();
+    expectResult(
+        runScript("cat \"$DIR/words\"\ncat \"$DIR/words\" >&2\ncat >\"$DIR/input\"\ncat \"$DIR/words\"",
+                  largeInput()),
+        ClientResult::kExited, 0);
+    EXPECT_EQ(output.text(), largeInput() + largeInput());
+    EXPECT_EQ(errors.text(), largeInput());
+    EXPECT_EQ(fileText(folder / "input"), largeInput());
+}
+
+TEST_F(ClientProcess, MayCloseItsOutputsAndGoOn) {
+    expectResult(runScript("exec >&- 2>&-\nsleep 0.3\ncat >\"$DIR/input\"\nexit 2", "text"),
+                 ClientResult::kExited, 2);
+    EXPECT_EQ(fileText(folder / "input"), "text");
+}
+
+TEST_F(ClientProcess, IsNotWaitedForInAProcessThatItLeavesBehind) {
+    Output output(STDOUT_FILENO);
+    expectResult(runScript("(while [ -d \"$DIR\" ]; do sleep 0.01; done; echo late) &\n"
+                           "echo first"),
+                 ClientResult::kExited, 0);
+    EXPECT_EQ(output.text(), "first\n");
 }
 
 TEST_F(ClientProcess, InheritsNoDescriptorButTheStandardOnes) {
