@@ -151,6 +151,8 @@ class Senders(sms_plant.SmsTest):
 class Initialisation(sms_plant.SmsTest):
     def test_its_bytes_and_pauses(self):
         self.start_modem()
+        # The first look for an OK comes at once, and a modem that answered as fast would spare the pause behind it.
+        self.modem.modem("slow", seconds=0.5)
         self.start_plant()
         self.modem.wait_received(sms_plant.READ, 2)
         begin = sms_plant.INITIALISATION + sms_plant.READ + sms_plant.CLEAR + sms_plant.READ
@@ -205,6 +207,7 @@ class Initialisation(sms_plant.SmsTest):
 
     def test_an_empty_centre_is_sent_and_two_of_three_are_enough(self):
         self.start_modem()
+        self.modem.modem("slow", seconds=0.5)
         self.start_plant(smsc=None)
         self.daemon.out.wait("Aktivace: 2")
         self.wait_initialised()
@@ -330,6 +333,16 @@ class Line(sms_plant.SmsTest):
         self.wait_sms((EVE, "(DEA) Message 14"))
         self.daemon.out.wait(SEND_OK)
         self.assertEqual(self.modem.sms(), [(EVE, "(ACT) Message 14 /ack:14"), (EVE, "(DEA) Message 14")])
+
+    def test_a_prompt_behind_which_an_error_came_is_ended_before_the_next_message(self):
+        self.start_all()
+        self.modem.modem("reply", to="at+CMGS", text="\r\n> \r\n+CMS ERROR: 500\r\n", times=1)
+        self.sim.alarm(14)
+        self.daemon.out.wait(SEND_FAIL)
+        self.sim.alarm(14, "deactivated")
+        self.wait_sms((EVE, "(DEA) Message 14"))
+        self.daemon.out.wait(SEND_OK)
+        self.assertIn(b'at+CMGS="%s"\r\x1b' % EVE.encode(), self.modem.received())
 
     def test_a_text_behind_a_refused_number_is_no_command(self):
         self.start_all()
@@ -625,26 +638,35 @@ class ServerLine(sms_plant.SmsTest):
         self.daemon.out.wait('JSON : {"d":[]}')
         self.assertNotIn('{"id":', self.daemon.out.text())
 
-    def test_a_line_that_is_trickled_without_an_end_goes_after_a_minute_and_the_polls_go_on(self):
+    def hold_up(self, begin, more, told):
+        """The server says begin and then, second by second, more, until the daemon hangs up and tells why. The polls and
+        the next acknowledge go on."""
         self.start_all()
         self.acknowledge(12)
-        self.sim.command(push='{"d":', newline=False)
-        begin = time.monotonic()
-        told = "alarmd: a line from 127.0.0.1:11010 is unfinished after 60 s: dropped with its connection"
+        self.sim.command(push=begin, newline=False)
+        began = time.monotonic()
         while not self.daemon.err.count(told):
-            self.assertLess(time.monotonic() - begin, 60 + plant.PATIENCE)
+            self.assertLess(time.monotonic() - began, 60 + plant.PATIENCE)
             try:
-                self.sim.command(push=" ", newline=False)
+                self.sim.command(push=more, newline=False)
             except AssertionError:
                 break  # no client is connected any more
             time.sleep(1)
         self.daemon.err.wait(told)
-        self.assertGreater(time.monotonic() - begin, 59)
+        self.assertGreater(time.monotonic() - began, 59)
         self.sim.wait_polls(2)
         self.acknowledge(12, 13)
         self.assertEqual(self.sim.command(query="state")["tcp_connections"], 2)
         self.assertEqual(self.daemon.err.count(told), 1)
+
+    def test_a_line_that_is_trickled_without_an_end_goes_after_a_minute_and_the_polls_go_on(self):
+        self.hold_up('{"d":', " ",
+                     "alarmd: a line from 127.0.0.1:11010 is unfinished after 60 s: dropped with its connection")
         self.assertNotIn('{"d": ', self.daemon.out.text())
+
+    def test_lines_of_which_one_always_has_begun_go_after_a_minute_and_the_polls_go_on(self):
+        self.hold_up("{", "}\n{", "alarmd: a line from 127.0.0.1:11010, one behind the other, holds up the polls since "
+                                  "60 s: dropped with its connection")
 
     def test_half_a_line_and_a_close_do_not_stop_the_polls(self):
         self.start_all()

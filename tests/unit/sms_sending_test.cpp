@@ -135,6 +135,18 @@ TEST_F(SmsSendingTest, APromptThatComesBehindARefusalIsAnsweredWithEsc) {
     EXPECT_EQ(line.received(), "at+CMGS=\"1\"\r\x1b" + onTheLine("2", "y"));
 }
 
+TEST_F(SmsSendingTest, APromptThatCameBeforeARefusalIsAnsweredWithEsc) {
+    PtyModem line(PtyModem::Script{{"\"1\"\r", "\r\n> \r\n+CMS ERROR: 500\r\n"},
+                                   {std::string(10, '\0'), "\r\nOK\r\n"}});
+    ASSERT_TRUE(connectModem(line.device()));
+    CaptureStdout();
+    sendSMS("1", "x");
+    sendSMS("2", "y");
+    EXPECT_EQ(GetCapturedStdout(), std::string("Sending ....Number: 1; Text: x\n") + kSendFail +
+                                       "Sending ....Number: 2; Text: y\n" + kSendOk);
+    EXPECT_EQ(line.received(), "at+CMGS=\"1\"\r\x1b" + onTheLine("2", "y"));
+}
+
 // The bytes of a message that is far longer than what the line holds: a part of it, and what follows.
 void expectCutOff(const std::string& received, const std::string& begin, const std::string& end) {
     const size_t length = received.size() - std::min(received.size(), begin.size() + end.size());
