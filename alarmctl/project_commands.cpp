@@ -8,16 +8,16 @@
 #include <memory>
 #include <string>
 
-#include "alarmctl/check.h"
-#include "alarmctl/check_config.h"
-#include "alarmctl/check_loaders.h"
+#include "alarmctl/check/check.h"
+#include "alarmctl/check/check_config.h"
+#include "alarmctl/check/check_loaders.h"
 #include "alarmctl/commands.h"
-#include "alarmctl/daemon_answers.h"
-#include "alarmctl/explain.h"
-#include "alarmctl/explain_forms.h"
-#include "alarmctl/sms_length.h"
+#include "alarmctl/daemon/daemon_answers.h"
+#include "alarmctl/explain/explain.h"
+#include "alarmctl/explain/explain_forms.h"
+#include "alarmctl/explain/sms_length.h"
 #include "alarmd/alarmd.h"
-#include "alarmd/json_reader.h"
+#include "alarmd/base/json.h"
 
 namespace {
 

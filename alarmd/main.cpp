@@ -9,8 +9,8 @@
 #include <memory>
 
 #include "alarmd/alarmd.h"
+#include "alarmd/base/fatal.h"
 #include "alarmd/command_line.h"
-#include "alarmd/fatal.h"
 #include "alarmd/gps/gps_thread.h"
 #include "alarmd/intake/history_poll.h"
 #include "alarmd/intake/notification_queues.h"

@@ -10,8 +10,8 @@
 #include <string>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/mail/texts.h"
 #include "alarmd/project/alarm_definitions.h"
+#include "alarmd/project/texts.h"
 #include "bench/quiet.h"
 
 namespace {

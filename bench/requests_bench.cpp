@@ -22,7 +22,7 @@
 #include "alarmd/requests/tcp_request_server.h"
 #include "bench/quiet.h"
 #include "knihovny/generalfce.h"
-#include "tests/unit/fcgi_client.h"
+#include "tests/support/fcgi_client.h"
 
 namespace {
 

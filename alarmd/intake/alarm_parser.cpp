@@ -7,10 +7,10 @@
 #include <string_view>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/event_time.h"
-#include "alarmd/fatal.h"
+#include "alarmd/base/fatal.h"
+#include "alarmd/base/json.h"
 #include "alarmd/intake/notification_queues.h"
-#include "alarmd/json_reader.h"
+#include "alarmd/notify/event.h"
 #include "alarmd/project/alarm_definitions.h"
 #include "knihovny/debugerror.h"
 

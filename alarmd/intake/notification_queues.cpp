@@ -4,9 +4,9 @@
 #include <ctime>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/event_time.h"
+#include "alarmd/notify/event.h"
+#include "alarmd/notify/stale_alarm.h"
 #include "alarmd/project/alarm_definitions.h"
-#include "alarmd/stale_alarm.h"
 #include "knihovny/debugerror.h"
 
 namespace {

@@ -7,11 +7,11 @@
 #include <string>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/event_time.h"
 #include "alarmd/mail/mail.h"
-#include "alarmd/mail/texts.h"
-#include "alarmd/project/recipients.h"
-#include "alarmd/stale_alarm.h"
+#include "alarmd/notify/event.h"
+#include "alarmd/notify/recipients.h"
+#include "alarmd/notify/stale_alarm.h"
+#include "alarmd/project/texts.h"
 #include "knihovny/debugerror.h"
 
 std::string subject;

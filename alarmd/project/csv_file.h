@@ -6,6 +6,9 @@
 #include <string_view>
 #include <vector>
 
+// The text that means true in a CSV column; any other means false.
+constexpr std::string_view kYes = "YES";
+
 // Reads a CSV file line by line, whatever its size, with a bounded amount of memory.
 //
 // A line ends at a line feed only: in a file with CR LF lines the carriage return belongs to the last column.

@@ -2,7 +2,8 @@
 
 #include <stdexcept>
 
-#include "alarmd/json_reader.h"
+#include "alarmd/base/files.h"
+#include "alarmd/base/json.h"
 #include "knihovny/debugerror.h"
 
 namespace {

@@ -6,10 +6,11 @@
 #include <vector>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/fatal.h"
+#include "alarmd/base/fatal.h"
+#include "alarmd/base/files.h"
 #include "alarmd/project/csv_file.h"
+#include "alarmd/project/group_number.h"
 #include "alarmd/project/json_file.h"
-#include "alarmd/project/project_file.h"
 #include "knihovny/debugerror.h"
 
 namespace {

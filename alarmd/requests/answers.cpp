@@ -2,8 +2,8 @@
 
 #include <utility>
 
+#include "alarmd/base/json.h"
 #include "alarmd/gps/nmea.h"
-#include "alarmd/json_reader.h"
 #include "knihovny/debugerror.h"
 
 namespace {

@@ -3,12 +3,12 @@
 #include <map>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/fatal.h"
-#include "alarmd/json_reader.h"
+#include "alarmd/base/fatal.h"
+#include "alarmd/base/files.h"
+#include "alarmd/base/json.h"
 #include "alarmd/project/alarm_definitions.h"
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/groups.h"
-#include "alarmd/project/project_file.h"
 #include "alarmd/project/users.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"

@@ -5,7 +5,8 @@
 #include <variant>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/json_reader.h"
+#include "alarmd/base/files.h"
+#include "alarmd/base/json.h"
 #include "knihovny/debugerror.h"
 
 namespace {

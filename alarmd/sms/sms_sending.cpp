@@ -3,12 +3,12 @@
 #include <ctime>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/event_time.h"
-#include "alarmd/json_reader.h"
-#include "alarmd/mail/texts.h"
-#include "alarmd/project/recipients.h"
+#include "alarmd/base/json.h"
+#include "alarmd/notify/event.h"
+#include "alarmd/notify/recipients.h"
+#include "alarmd/notify/stale_alarm.h"
+#include "alarmd/project/texts.h"
 #include "alarmd/sms/modem.h"
-#include "alarmd/stale_alarm.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 

@@ -4,7 +4,6 @@
 
 #include "alarmd/project/alarm_definitions.h"
 #include "alarmd/project/csv_file.h"
-#include "alarmd/project/project_file.h"
 #include "tests/fuzz/world.h"
 
 namespace {

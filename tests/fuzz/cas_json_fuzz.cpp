@@ -1,5 +1,5 @@
 // cas.json
-#include "alarmd/json_reader.h"
+#include "alarmd/base/json.h"
 #include "alarmd/project/alarm_definitions.h"
 #include "tests/fuzz/world.h"
 

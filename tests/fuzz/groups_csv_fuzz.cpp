@@ -2,8 +2,8 @@
 #include <map>
 
 #include "alarmd/project/csv_file.h"
+#include "alarmd/project/group_number.h"
 #include "alarmd/project/groups.h"
-#include "alarmd/project/project_file.h"
 #include "tests/fuzz/world.h"
 
 FUZZ_TARGET(groups_csv) {

@@ -1,5 +1,5 @@
 // groups.json
-#include "alarmd/json_reader.h"
+#include "alarmd/base/json.h"
 #include "alarmd/project/groups.h"
 #include "tests/fuzz/world.h"
 

@@ -2,10 +2,10 @@
 // of them.
 #include <set>
 
+#include "alarmd/base/json.h"
 #include "alarmd/intake/alarm_parser.h"
 #include "alarmd/intake/history_poll.h"
 #include "alarmd/intake/notification_queues.h"
-#include "alarmd/json_reader.h"
 #include "alarmd/mail/mail_thread.h"
 #include "tests/fuzz/world.h"
 

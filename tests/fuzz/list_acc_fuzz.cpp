@@ -2,7 +2,7 @@
 #include <list>
 
 #include "alarmd/project/csv_file.h"
-#include "alarmd/project/project_file.h"
+#include "alarmd/project/group_number.h"
 #include "alarmd/project/users.h"
 #include "tests/fuzz/world.h"
 

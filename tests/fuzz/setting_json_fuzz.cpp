@@ -1,6 +1,6 @@
 // setting.json: the project id, and the poll that carries it
+#include "alarmd/base/json.h"
 #include "alarmd/intake/history_poll.h"
-#include "alarmd/json_reader.h"
 #include "alarmd/settings/config.h"
 #include "tests/fuzz/world.h"
 

@@ -1,5 +1,5 @@
 // settings.json: the modem, the limits, the ports
-#include "alarmd/json_reader.h"
+#include "alarmd/base/json.h"
 #include "alarmd/settings/modem_settings.h"
 #include "tests/fuzz/world.h"
 

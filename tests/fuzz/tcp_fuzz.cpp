@@ -1,5 +1,5 @@
 // Packets of clients of the TCP request server, one after the other, and the SMS that come of them.
-#include "alarmd/json_reader.h"
+#include "alarmd/base/json.h"
 #include "alarmd/requests/answers.h"
 #include "alarmd/requests/daemon_state.h"
 #include "tests/fuzz/world.h"

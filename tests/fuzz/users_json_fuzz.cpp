@@ -1,6 +1,6 @@
 // users.json
-#include "alarmd/json_reader.h"
-#include "alarmd/project/project_file.h"
+#include "alarmd/base/json.h"
+#include "alarmd/project/group_number.h"
 #include "alarmd/project/users.h"
 #include "tests/fuzz/world.h"
 

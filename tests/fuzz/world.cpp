@@ -8,12 +8,11 @@
 #include <exception>
 #include <set>
 
-#include "alarmd/fatal.h"
+#include "alarmd/base/fatal.h"
 #include "alarmd/mail/client_process.h"
-#include "alarmd/mail/texts.h"
 #include "alarmd/project/alarm_definitions.h"
 #include "alarmd/project/csv_file.h"
-#include "alarmd/project/project_file.h"
+#include "alarmd/project/texts.h"
 #include "alarmd/requests/modem_status.h"
 #include "alarmd/sms/modem.h"
 #include "alarmd/sms/sms_reception.h"

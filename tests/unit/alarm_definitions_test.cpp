@@ -1,7 +1,7 @@
 #include "alarmd/project/alarm_definitions.h"
 
-#include "alarmd/mail/texts.h"
-#include "tests/unit/project_files.h"
+#include "alarmd/project/texts.h"
+#include "tests/support/project_files.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "alarmd/alarmd.h"
-#include "tests/unit/intake_fixture.h"
+#include "tests/support/intake_fixture.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include "alarmctl/check.h"
-#include "alarmctl/check_config.h"
-#include "alarmctl/check_contacts.h"
-#include "alarmctl/check_loaders.h"
-#include "tests/unit/project_files.h"
+#include "alarmctl/check/check.h"
+#include "alarmctl/check/check_config.h"
+#include "alarmctl/check/check_contacts.h"
+#include "alarmctl/check/check_loaders.h"
+#include "tests/support/project_files.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "alarmctl/daemon_answers.h"
+#include "alarmctl/daemon/daemon_answers.h"
 #include "alarmd/requests/answers.h"
 
 namespace {

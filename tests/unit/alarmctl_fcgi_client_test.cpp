@@ -2,10 +2,10 @@
 
 #include <thread>
 
-#include "alarmctl/fcgi_client.h"
+#include "alarmctl/daemon/fcgi_client.h"
 #include "alarmd/requests/fcgi_gate.h"
 #include "alarmd/requests/fcgi_request_reader.h"
-#include "tests/unit/fcgi_client.h"
+#include "tests/support/fcgi_client.h"
 
 namespace {
 

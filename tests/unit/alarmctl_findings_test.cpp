@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "alarmctl/findings.h"
-#include "alarmd/json_reader.h"
+#include "alarmctl/check/findings.h"
+#include "alarmd/base/json.h"
 
 namespace {
 

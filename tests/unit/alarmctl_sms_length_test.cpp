@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "alarmctl/sms_length.h"
+#include "alarmctl/explain/sms_length.h"
 
 namespace {
 

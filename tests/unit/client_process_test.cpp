@@ -12,7 +12,7 @@
 #include <cstddef>
 #include <thread>
 
-#include "tests/unit/mail_fixture.h"
+#include "tests/support/mail_fixture.h"
 
 namespace {
 

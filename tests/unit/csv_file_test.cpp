@@ -3,7 +3,7 @@
 #include <random>
 
 #include "knihovny/generalfce.h"
-#include "tests/unit/project_files.h"
+#include "tests/support/project_files.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "alarmd/fatal.h"
+#include "alarmd/base/fatal.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

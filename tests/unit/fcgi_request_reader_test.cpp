@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/fcgi_client.h"
+#include "tests/support/fcgi_client.h"
 
 namespace {
 

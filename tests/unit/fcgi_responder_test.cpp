@@ -14,8 +14,8 @@
 #include "alarmd/requests/answers.h"
 #include "alarmd/sms/modem.h"
 #include "alarmd/sms/sms_sending.h"
-#include "tests/unit/fcgi_client.h"
-#include "tests/unit/project_files.h"
+#include "tests/support/fcgi_client.h"
+#include "tests/support/project_files.h"
 
 namespace {
 

@@ -14,8 +14,8 @@
 #include <fstream>
 #include <thread>
 
-#include "fake_syslog.h"
 #include "knihovny/splitter.h"
+#include "tests/support/fake_syslog.h"
 
 namespace {
 

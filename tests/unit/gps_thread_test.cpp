@@ -3,8 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "tests/unit/project_files.h"
-#include "tests/unit/pty_modem.h"
+#include "tests/support/project_files.h"
+#include "tests/support/pty_modem.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include "alarmd/alarmd.h"
 #include "sim/korvato_server.h"
-#include "tests/unit/intake_fixture.h"
+#include "tests/support/intake_fixture.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <set>
 
 #include "alarmd/mail/style_sheet.h"
-#include "tests/unit/mail_fixture.h"
+#include "tests/support/mail_fixture.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include "alarmd/mail/mail.h"
 #include "alarmd/project/alarm_definitions.h"
-#include "tests/unit/mail_fixture.h"
+#include "tests/support/mail_fixture.h"
 
 namespace {
 

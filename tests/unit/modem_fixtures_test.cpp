@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "alarmd/sms/sms_reception.h"
-#include "pty_modem.h"
+#include "tests/support/pty_modem.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "alarmd/settings/modem_settings.h"
 
-#include "tests/unit/project_files.h"
+#include "tests/support/project_files.h"
 
 namespace {
 

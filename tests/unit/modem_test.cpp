@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "pty_modem.h"
+#include "tests/support/pty_modem.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tests/unit/project_files.h"
+#include "tests/support/project_files.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 
 #include "alarmd/intake/server_line.h"
 #include "knihovny/descriptor.h"
-#include "pty_modem.h"
+#include "tests/support/pty_modem.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "alarmd/project/alarm_definitions.h"
 #include "knihovny/descriptor.h"
 #include "knihovny/generalfce.h"
-#include "pty_modem.h"
+#include "tests/support/pty_modem.h"
 
 namespace {
 

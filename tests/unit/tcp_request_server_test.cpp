@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "alarmd/alarmd.h"
-#include "tests/unit/fcgi_client.h"
-#include "tests/unit/project_files.h"
+#include "tests/support/fcgi_client.h"
+#include "tests/support/project_files.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <optional>
 #include <thread>
 
-#include "fake_syslog.h"
+#include "tests/support/fake_syslog.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
-#include "alarmd/mail/texts.h"
+#include "alarmd/project/texts.h"
 
 #include <random>
 #include <thread>
 
-#include "tests/unit/project_files.h"
+#include "tests/support/project_files.h"
 
 namespace {
 

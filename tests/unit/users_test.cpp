@@ -1,6 +1,6 @@
 #include "alarmd/project/users.h"
 
-#include "tests/unit/project_files.h"
+#include "tests/support/project_files.h"
 
 namespace {
 

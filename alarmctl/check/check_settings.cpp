@@ -1,0 +1,151 @@
+#include "alarmctl/check/check_settings.h"
+
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+#include "alarmctl/check/check_json_text.h"
+#include "alarmd/alarmd.h"
+#include "alarmd/mail/mail.h"
+#include "alarmd/settings/modem_settings.h"
+
+namespace {
+
+constexpr char kGpsPort[] = "/dev/ttyModem3";
+
+std::string reasonOf(int error) {
+    return std::generic_category().message(error);
+}
+
+// A setting whose values are few.
+struct Range {
+    const char* name;
+    const std::atomic<int>& value;
+    int least, most;
+    const char* meaning;
+};
+
+void checkRanges(Findings& findings) {
+    const Range ranges[] = {
+        {"parity", modem_parity, 1, 4, "1 none, 2 even, 3 odd"},
+        {"stopbit", modem_stopbit, 1, 2, "1 or 2"},
+        {"databit", modem_databit, 5, 8, "5 to 8"},
+        {"flow", modem_flow, 1, 2, "1 on, 2 off"},
+        {"xflow", modem_xflow, 1, 2, "1 on, 2 off"},
+    };
+    for (const Range& range : ranges) {
+        if (range.value >= range.least && range.value <= range.most) continue;
+        findings.warning({system_setting}, "bad-value",
+                         "\"" + std::string(range.name) + "\" " + std::to_string(range.value) +
+                             " means nothing (" + range.meaning + "): the port keeps what it had");
+    }
+}
+
+void checkSpeed(Findings& findings) {
+    termios record{};
+    if (modem_speed > 0 && cfsetspeed(&record, static_cast<speed_t>(modem_speed)) == 0) return;
+    findings.warning({system_setting}, "bad-value",
+                     "\"speed\" " + std::to_string(modem_speed) +
+                         " is no speed of a serial line: the port keeps what it had or cannot be set up");
+}
+
+void checkLimits(Findings& findings) {
+    if (smspeermin < 0)
+        findings.error({system_setting}, "bad-value", "\"smspeermin\" is below 0: no SMS is ever sent");
+    for (const auto& [name, value] :
+         {std::pair<const char*, int>("resend_period1_timeout", resend_period1_timeout),
+          {"resend_period2_timeout", resend_period2_timeout}}) {
+        if (value < 0)
+            findings.warning({system_setting}, "bad-value",
+                             "\"" + std::string(name) + "\" is below 0: taken for no pause at all");
+    }
+}
+
+void checkTexts(Findings& findings) {
+    MutexLock lock(settings_mutex);
+    if (modemPort.empty())
+        findings.warning({system_setting}, "no-modem", "\"modemPort\" is empty: no SMS is sent or received");
+    if (usePin && pin.empty())
+        findings.warning({system_setting}, "no-pin",
+                         "\"usePin\" is true and \"pin\" is empty: an empty PIN is entered");
+    if (!usePin && !pin.empty())
+        findings.note({system_setting}, "pin-used",
+                      "\"usePin\" is false, but the PIN is entered all the same");
+}
+
+void checkMembers(const Json::Value& root, Findings& findings) {
+    if (!root.isObject()) return;
+    const Json::Value& network = root["network"];
+    const Json::Value& modem = network.isObject() ? network["modem"] : Json::Value::nullSingleton();
+    if (modem.isNull()) {
+        findings.note({system_setting}, "no-settings",
+                      "has no \"network\" / \"modem\": all settings have their defaults");
+        return;
+    }
+    if (!modem.isObject()) return;  // which the loader tells
+    UnreadKeys unread(modemSettingNames());
+    unread.look(modem, {system_setting});
+    unread.tell(findings);
+}
+
+std::string portName() {
+    MutexLock lock(settings_mutex);
+    return modemPort;
+}
+
+void checkPort(const std::string& device, const char* consequence, Findings& findings) {
+    const Place place{device};
+    struct stat info;
+    if (stat(device.c_str(), &info) != 0) {
+        findings.error(place, "no-device",
+                       "is not there (" + reasonOf(errno) + "): " + consequence + " until it is");
+    } else if (!S_ISCHR(info.st_mode)) {
+        findings.error(place, "no-device", std::string("is no serial port: ") + consequence);
+    } else if (access(device.c_str(), R_OK | W_OK) != 0) {
+        findings.error(place, "no-permission",
+                       "may not be opened by this user (" + reasonOf(errno) + "; the group dialout may): " +
+                           consequence + " while the daemon runs as this user");
+    } else {
+        findings.lookedAt(device);
+    }
+}
+
+void checkMailClient(Findings& findings) {
+    const std::string client = mailClientPath();
+    struct stat info;
+    if (stat(client.c_str(), &info) != 0) {
+        findings.error(
+            {client}, "no-mail-client",
+            "is not there (" + reasonOf(errno) + "): no mail is sent (a link to /usr/bin/msmtp will do)");
+    } else if (!S_ISREG(info.st_mode) || access(client.c_str(), X_OK) != 0) {
+        findings.error({client}, "no-mail-client", "is no program that may be run: no mail is sent");
+    } else {
+        findings.lookedAt(client);
+    }
+}
+
+}  // namespace
+
+void checkModemSettings(Findings& findings) {
+    Json::Value root;
+    // The loader told of an unreadable file on standard output only.
+    const bool there = access(system_setting.c_str(), F_OK) == 0;
+    if (parseForCheck(system_setting, there ? Severity::kError : Severity::kWarning,
+                      "all settings have their defaults", findings, root))
+        checkMembers(root, findings);
+    checkRanges(findings);
+    checkSpeed(findings);
+    checkLimits(findings);
+    checkTexts(findings);
+}
+
+void checkMachine(Findings& findings) {
+    const std::string device = portName();
+    if (!device.empty()) checkPort(device, "no SMS is sent or received", findings);
+    if (gps_enable) checkPort(kGpsPort, "there is no position", findings);
+    checkMailClient(findings);
+}
