@@ -18,6 +18,7 @@
 #include "alarmctl/explain/sms_length.h"
 #include "alarmd/alarmd.h"
 #include "alarmd/base/json.h"
+#include "alarmd/notify/event.h"
 
 namespace {
 
@@ -92,7 +93,7 @@ void addCheck(CLI::App& app, int& status) {
 
 struct ExplainOptions {
     Question question;
-    std::string state = stateName(kActivated);
+    std::string state = ruleOf(kActivated).name;
     std::string html;
     bool mail = false;
     bool json = false;
@@ -145,7 +146,7 @@ int runExplain(const ExplainOptions& options) {
     if (!trouble.empty()) return fail(trouble);
     Question question = options.question;
     for (const int state : {kDeactivated, kAcknowledged}) {
-        if (options.state == stateName(state)) question.state = state;
+        if (options.state == ruleOf(state).name) question.state = state;
     }
     if (access(msmtp_conf_file.c_str(), R_OK) != 0)
         fail(msmtp_conf_file + ": " + strerror(errno) + ", so the mails name no sender");

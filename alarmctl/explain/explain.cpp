@@ -5,29 +5,12 @@
 #include "alarmd/base/files.h"
 #include "alarmd/mail/mail.h"
 #include "alarmd/mail/mail_thread.h"
+#include "alarmd/notify/event.h"
 #include "alarmd/notify/recipients.h"
 #include "alarmd/project/texts.h"
 #include "alarmd/sms/sms_sending.h"
 
 namespace {
-
-// What an SMS on a state hangs on.
-struct SmsFlag {
-    int state;
-    bool _alarm_def::*flag;
-    const char* name;
-};
-
-constexpr SmsFlag kSmsFlags[] = {
-    {kActivated, &_alarm_def::smsact, "SMS on activation (smsAct)"},
-    {kDeactivated, &_alarm_def::smsdeact, "SMS on deactivation (smsDeact)"},
-    {kAcknowledged, &_alarm_def::smsack, "SMS on acknowledge (smsAck)"},
-};
-
-const SmsFlag& smsFlagOf(int state) {
-    return *std::find_if(std::begin(kSmsFlags), std::end(kSmsFlags),
-                         [&](const SmsFlag& flag) { return flag.state == state; });
-}
 
 // An alarm that is deactivated or acknowledged was activated before.
 _alarm_tag sampleAlarm(const Question& question, const _alarm_def& definition, int64_t now) {
@@ -36,8 +19,7 @@ _alarm_tag sampleAlarm(const Question& question, const _alarm_def& definition, i
     alarm.stat = question.state;
     alarm.sv = definition.severity;
     alarm.atm[0] = now;
-    if (question.state == kDeactivated) alarm.dtm[0] = now;
-    if (question.state == kAcknowledged) alarm.acktm[0] = now;
+    (alarm.*ruleOf(question.state).moment)[0] = now;
     return alarm;
 }
 
@@ -114,16 +96,15 @@ Explanation explain(const Question& question, int64_t now) {
     lookUpDefinition(question, result);
     if (!result.known) return result;
     result.alarm = sampleAlarm(question, result.definition, now);
-    const SmsFlag& sms_flag = smsFlagOf(question.state);
-    const bool by_sms = result.definition.*sms_flag.flag;
+    const bool by_sms = wantsSms(result.definition, question.state);
     size_t reached = 0, chosen = 0;
-    for (const NotifiedGroup& group : groupsNotifiedOf(question.id)) {
+    for (const NotifiedGroup& group : recipientsOf(question.id)) {
         reached += group.users.size();
         for (const _user& recipient : group.users) {
             if (!isAskedFor(recipient, question.user)) continue;
             ++chosen;
             if (result.definition.email)
-                result.mails.push_back({group.group, recipient, mailLanguage(recipient)});
+                result.mails.push_back({group.group, recipient, languageOf(recipient)});
             if (by_sms) addSms(group.group, recipient, result);
         }
     }
@@ -131,8 +112,9 @@ Explanation explain(const Question& question, int64_t now) {
     if (result.mails.empty())
         result.no_mail = result.definition.email ? nobody : "the definition's e-mail flag (email) is off";
     if (result.messages.empty()) {
-        result.no_sms =
-            by_sms ? nobody : std::string("the definition's flag for ") + sms_flag.name + " is off";
+        result.no_sms = by_sms ? nobody
+                               : std::string("the definition's flag for ") +
+                                     ruleOf(question.state).sms_flag_name + " is off";
         if (result.no_sms.empty()) result.no_sms = "nobody there has a number";
     }
     return result;

@@ -6,6 +6,7 @@
 #include "alarmctl/daemon/daemon_answers.h"
 #include "alarmctl/explain/sms_length.h"
 #include "alarmd/mail/mail.h"
+#include "alarmd/notify/event.h"
 #include "alarmd/project/texts.h"
 
 namespace {
@@ -16,10 +17,6 @@ std::string clean(const std::string& text) {
 
 std::string yesNo(bool value) {
     return value ? "on" : "off";
-}
-
-std::string languageOf(const _user& recipient) {
-    return recipient.lang.empty() ? "default" : recipient.lang;
 }
 
 using Row = std::vector<std::string>;
@@ -49,7 +46,8 @@ std::string groupCell(int number) {
 std::string alarmLines(const Explanation& explanation) {
     const _alarm_def& definition = explanation.definition;
     std::string text = "Alarm " + std::to_string(explanation.alarm.id) + ", " +
-                       stateName(explanation.alarm.stat) + ": " + clean(inQuotes(definition.message)) + "\n";
+                       ruleOf(explanation.alarm.stat).name + ": " + clean(inQuotes(definition.message)) +
+                       "\n";
     std::string groups;
     for (const int number : explanation.groups) groups += (groups.empty() ? "" : ", ") + groupCell(number);
     text += table({{"severity", std::to_string(definition.severity)},
@@ -165,10 +163,6 @@ Json::Value messagesJson(const Explanation& explanation) {
 
 }  // namespace
 
-const char* stateName(int state) {
-    return state == kActivated ? "activated" : state == kDeactivated ? "deactivated" : "acknowledged";
-}
-
 std::string explanationText(const Explanation& explanation) {
     return alarmLines(explanation) + mailLines(explanation) + smsLines(explanation) +
            shownMailLines(explanation);
@@ -177,7 +171,7 @@ std::string explanationText(const Explanation& explanation) {
 Json::Value explanationJson(const Explanation& explanation) {
     Json::Value json;
     json["alarm"] = explanation.alarm.id;
-    json["state"] = stateName(explanation.alarm.stat);
+    json["state"] = ruleOf(explanation.alarm.stat).name;
     json["severity"] = explanation.definition.severity;
     json["groups"] = Json::Value(Json::arrayValue);
     for (const int number : explanation.groups) json["groups"].append(number);

@@ -7,9 +7,6 @@
 
 #include "alarmctl/explain/explain.h"
 
-// "activated", "deactivated" or "acknowledged".
-const char* stateName(int state);
-
 // Lines for a terminal; control characters are replaced.
 std::string explanationText(const Explanation& explanation);
 

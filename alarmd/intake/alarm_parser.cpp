@@ -59,12 +59,6 @@ void copyDefinitionTexts() {
     alarm_tag.dev = definition.device;
 }
 
-// Another state is never new.
-bool stateIsKnown() {
-    return alarm_tag.stat == kDeactivated || alarm_tag.stat == kActivated ||
-           alarm_tag.stat == kAcknowledged || alarm_tag.stat == kAckTimedState;
-}
-
 void appendTime(std::string& log, const char* name, const TimeTriple& time) {
     AppendLine(log, name, time[0], '.', time[1], '(', instant(time), ')');
 }
@@ -97,7 +91,7 @@ void printPortion(std::string& log) {
 
 // Queues the alarm in alarm_tag, and adds it to the log, when its state is newer than the start point.
 void takeIfNew(std::string& log) {
-    if (!stateIsKnown()) return;
+    if (!isKnownState(alarm_tag.stat)) return;
     if (!(instant(eventTime(alarm_tag)) > instant(last_timestamp, last_timestamp_ms))) return;
     uloz_alarm(alarm_tag.stat, log);
     appendAlarm(log);
@@ -106,7 +100,7 @@ void takeIfNew(std::string& log) {
 
 // The next poll begins one microsecond behind the alarm in alarm_tag.
 void moveStartPoint() {
-    if (!stateIsKnown()) return;
+    if (!isKnownState(alarm_tag.stat)) return;
     const TimeTriple& time = eventTime(alarm_tag);
     last_timestamp = time[0];
     last_timestamp_ms = time[1] + 1;

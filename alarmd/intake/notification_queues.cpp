@@ -22,18 +22,16 @@ class QueuesChange {
 
 // What an alarm's definition says about its notification.
 struct Notify {
-    bool email, smsact, smsdeact, smsack;
+    bool mail;
+    bool sms;        // on this state
+    bool until_ack;  // its end or its acknowledge is reported by SMS
 };
 
-Notify notifyOf(int id) {
+Notify notifyOf(int id, int stat) {
     MutexLock lock(project_mutex);
     const _alarm_def& definition = definitionFor(id);
-    return {definition.email, definition.smsact, definition.smsdeact, definition.smsack};
-}
-
-void queueSms(const char* what, std::string& log) {
-    fronta_sms.push(alarm_tag);
-    AppendLine(log, "::-> Saving SMS ", what, " into fronta_sms");
+    return {definition.email, wantsSms(definition, stat),
+            wantsSms(definition, kAcknowledged) || wantsSms(definition, kDeactivated)};
 }
 
 // The last entry of that id in wait_for_ack, or its end.
@@ -77,17 +75,17 @@ void checkWaiting(size_t i, int64_t now, std::string& log) {
 void uloz_alarm(int stat, std::string& log) {
     QueuesChange change;
     AppendLine(log, ":: Check alarm (sms,email) if configured for queue...");
-    const Notify notify = notifyOf(alarm_tag.id);
-    if (notify.email) {
+    const Notify notify = notifyOf(alarm_tag.id, stat);
+    if (notify.mail) {
         fronta_mail.push(alarm_tag);
         AppendLine(log, "::-> Saving MAIL into fronta_mail");
     }
-    if (notify.smsact && stat == kActivated) queueSms("ACTIVATION", log);
-    if (notify.smsdeact && stat == kDeactivated) queueSms("DEACTIVATION", log);
-    if (notify.smsack && stat == kAcknowledged) queueSms("ACKNOWLEDGE", log);
-    // The list follows the alarms whose end or acknowledge is reported by SMS: SMS on activation does not
-    // count.
-    if (notify.smsack || notify.smsdeact) keepWaitForAck(alarm_tag.id, stat, log);
+    if (notify.sms) {
+        fronta_sms.push(alarm_tag);
+        AppendLine(log, "::-> Saving SMS ", ruleOf(stat).queue_word, " into fronta_sms");
+    }
+    // SMS on activation alone keep nothing waiting.
+    if (notify.until_ack) keepWaitForAck(alarm_tag.id, stat, log);
 }
 
 void uloz_alarm(int stat) {

@@ -38,20 +38,6 @@ struct Recipient {
     const _user& user;
 };
 
-// What a mail says of an alarm's state.
-const char* statusOf(const _alarm_tag& alarm) {
-    switch (alarm.stat) {
-        case kDeactivated:
-            return "Deactivate";
-        case kActivated:
-            return "Activate";
-        case kAcknowledged:
-            return "Acknowledge";
-        default:  // kAckTimedState; the history reports no other
-            return "";
-    }
-}
-
 std::string dashIfEmpty(const std::string& text) {
     return text.empty() ? "-" : text;
 }
@@ -102,7 +88,7 @@ void deliver(const Recipient& recipient, std::string body) {
 }
 
 void makeMail(const _alarm_tag& alarm, const Recipient& recipient) {
-    const std::string lang = mailLanguage(recipient.user);
+    const std::string lang = languageOf(recipient.user);
     const _langs texts = getTextForLangs(alarm.id, lang);
     printRecipient(alarm, recipient, lang, texts);
     subject = "\"Alarming-immediately\"";
@@ -119,7 +105,7 @@ int handleAlarm(const _alarm_tag& alarm, bool& hung) {
         return 0;
     }
     int given_up = 0;
-    for (const NotifiedGroup& group : groupsNotifiedOf(alarm.id)) {
+    for (const NotifiedGroup& group : recipientsOf(alarm.id)) {
         for (const _user& member : group.users) {
             if (hung) {
                 ++given_up;
@@ -141,12 +127,8 @@ void printPassHeader() {
 
 }  // namespace
 
-std::string mailLanguage(const _user& recipient) {
-    return recipient.lang.empty() ? "default" : recipient.lang;
-}
-
 std::string alarmMailBody(const _alarm_tag& alarm, const _langs& texts) {
-    return css_string + kTableHead + tableRow(alarm, statusOf(alarm), texts) + kTail;
+    return css_string + kTableHead + tableRow(alarm, ruleOf(alarm.stat).mail_word, texts) + kTail;
 }
 
 void vlakno_m() {

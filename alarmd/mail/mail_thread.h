@@ -11,9 +11,6 @@
 extern std::string subject;
 extern std::string test;
 
-// The language whose texts a user gets by mail: "default" for a user without one.
-std::string mailLanguage(const _user& recipient);
-
 // The HTML text of an alarm's mail with these texts of the alarm. Any thread.
 std::string alarmMailBody(const _alarm_tag& alarm, const _langs& texts);
 

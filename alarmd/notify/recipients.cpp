@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-std::vector<NotifiedGroup> groupsNotifiedOf(int alarm_id) {
+std::vector<NotifiedGroup> recipientsOf(int alarm_id) {
     std::vector<NotifiedGroup> notified;
     MutexLock lock(project_mutex);
     for (int number = 0; number < kNotifiedGroups; ++number) {

@@ -1,3 +1,4 @@
+// Who hears of an alarm: mail, SMS and the explanation of both ask here.
 #pragma once
 
 #include <vector>
@@ -12,4 +13,4 @@ struct NotifiedGroup {
 
 // The groups 0 to 9 that list the alarm, in the order of their numbers. A user of two of them is told twice.
 // Any thread.
-std::vector<NotifiedGroup> groupsNotifiedOf(int alarm_id) EXCLUDES(project_mutex);
+std::vector<NotifiedGroup> recipientsOf(int alarm_id) EXCLUDES(project_mutex);

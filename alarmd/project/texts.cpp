@@ -18,6 +18,10 @@ void choose(std::string& result, const std::vector<_translate>& translations, co
 
 }  // namespace
 
+std::string languageOf(const _user& recipient) {
+    return recipient.lang.empty() ? "default" : recipient.lang;
+}
+
 _langs getTextForLangs(int id, std::string lang) {
     _langs texts;
     MutexLock lock(project_mutex);

@@ -11,6 +11,7 @@
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/group_number.h"
 #include "alarmd/project/json_file.h"
+#include "alarmd/project/texts.h"
 #include "knihovny/debugerror.h"
 
 namespace {
@@ -128,10 +129,6 @@ int joinInto(std::string& joined, const std::list<std::string>& items) {
     if (joined.size() <= 1) return 0;
     joined.pop_back();
     return 1;
-}
-
-const char* languageOf(const _user& entry) {
-    return entry.lang.empty() ? "default" : entry.lang.c_str();
 }
 
 void appendRecipients(std::string& text, _group& group) {

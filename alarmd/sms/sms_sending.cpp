@@ -88,7 +88,7 @@ bool handleAlarm(_alarm_tag alarm) {
         printStale(event_time);
         return true;
     }
-    for (const NotifiedGroup& group : groupsNotifiedOf(alarm.id)) {
+    for (const NotifiedGroup& group : recipientsOf(alarm.id)) {
         PrintLine(color_sms, "(SMS) GROUP: ", group.group, " - FOUND alarm ID: ", alarm.id, color_off);
         for (const _user& recipient : group.users) {
             if (konec && !recipient.mobil.empty()) return false;
