@@ -15,7 +15,7 @@
 #include "alarmd/intake/history_poll.h"
 #include "alarmd/intake/notification_queues.h"
 #include "alarmd/intake/server_line.h"
-#include "alarmd/mail/mail.h"
+#include "alarmd/mail/mail_channel.h"
 #include "alarmd/mail/mail_thread.h"
 #include "alarmd/requests/fcgi_responder.h"
 #include "alarmd/requests/tcp_request_server.h"

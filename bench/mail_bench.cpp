@@ -17,7 +17,8 @@
 #include <string>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/mail/mail.h"
+#include "alarmd/mail/compose.h"
+#include "alarmd/mail/mail_channel.h"
 #include "bench/quiet.h"
 
 namespace {

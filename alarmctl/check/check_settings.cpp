@@ -10,7 +10,7 @@
 
 #include "alarmctl/check/check_json_text.h"
 #include "alarmd/alarmd.h"
-#include "alarmd/mail/mail.h"
+#include "alarmd/mail/mail_channel.h"
 #include "alarmd/settings/modem_settings.h"
 
 namespace {

@@ -3,8 +3,7 @@
 #include <algorithm>
 
 #include "alarmd/base/files.h"
-#include "alarmd/mail/mail.h"
-#include "alarmd/mail/mail_thread.h"
+#include "alarmd/mail/compose.h"
 #include "alarmd/notify/event.h"
 #include "alarmd/notify/recipients.h"
 #include "alarmd/project/texts.h"

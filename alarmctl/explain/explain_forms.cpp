@@ -5,7 +5,7 @@
 #include "alarmctl/check/findings.h"
 #include "alarmctl/daemon/daemon_answers.h"
 #include "alarmctl/explain/sms_length.h"
-#include "alarmd/mail/mail.h"
+#include "alarmd/mail/compose.h"
 #include "alarmd/notify/event.h"
 #include "alarmd/project/texts.h"
 

@@ -7,7 +7,9 @@
 #include <string>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/mail/mail.h"
+#include "alarmd/mail/compose.h"
+#include "alarmd/mail/mail_channel.h"
+#include "alarmd/notify/direct_road.h"
 #include "alarmd/notify/event.h"
 #include "alarmd/notify/recipients.h"
 #include "alarmd/notify/stale_alarm.h"
@@ -19,48 +21,15 @@ std::string test;
 
 namespace {
 
+MailChannel mail_channel;
+DirectRoad direct_road(mail_channel, daemon_events);
+
 constexpr unsigned kStartPauseSeconds = 2;
 constexpr unsigned kPassPauseSeconds = 3;
-constexpr size_t kRowBuffer = 999;  // bytes with the zero; a longer row is cut
-
-constexpr char kTableHead[] =
-    "<table border=1>\n"
-    "<TR><TD>MESSAGE</TD><TD>STATUS</TD><TD>SEV</TD><TD>AREA</TD><TD>DEVICE</TD><TD>ACT TIME</TD><TD>DEACT "
-    "TIME</TD>"
-    "<TD>ACK TIME</TD><TD>ACT VAL</TD><TD>DEACT VAL</TD><TD>ACK VAL</TD><TD>USER</TD></TR>\n";
-constexpr char kTail[] =
-    "</table>\n"
-    "</body>\n"
-    "</html>\n";
-
 struct Recipient {
     int group;
     const _user& user;
 };
-
-std::string dashIfEmpty(const std::string& text) {
-    return text.empty() ? "-" : text;
-}
-
-// An empty device stays empty; only the single blank that stands for "no device" in the project files gives a
-// dash.
-std::string dashIfBlank(const std::string& text) {
-    return text == " " ? "-" : text;
-}
-
-std::string tableRow(const _alarm_tag& alarm, const char* status, const _langs& texts) {
-    char row[kRowBuffer];
-    const int length = snprintf(
-        row, sizeof row,
-        "<TR><TD>%s</TD><TD>%s</TD><TD>%d</TD><TD>%s</TD><TD>%s</TD><TD>%s</TD><TD>%s</TD>"
-        "<TD>%s</TD><TD>%.2f</TD><TD>%.2f</TD><TD>%.2f</TD><TD>%s</TD></TR>\n",
-        dashIfEmpty(texts.messageLangs).c_str(), status, alarm.sv, dashIfEmpty(texts.areaLangs).c_str(),
-        dashIfBlank(texts.deviceLangs).c_str(), getReadebleTime(alarm.atm[0]).c_str(),
-        getReadebleTime(alarm.dtm[0]).c_str(), getReadebleTime(alarm.acktm[0]).c_str(), alarm.av, alarm.dv,
-        alarm.ackv, dashIfEmpty(alarm.user).c_str());
-    if (length < 0) return "";
-    return {row, std::min(static_cast<size_t>(length), sizeof row - 1)};
-}
 
 void printRecipient(const _alarm_tag& alarm, const Recipient& recipient, const std::string& lang,
                     const _langs& texts) {
@@ -75,29 +44,31 @@ void printRecipient(const _alarm_tag& alarm, const Recipient& recipient, const s
     Print(lines);
 }
 
-void deliver(const Recipient& recipient, std::string body) {
-    if (testing_email != 0) return;
+// False when no more mails should be tried, because a client hung at a stop request.
+bool deliver(const _alarm_tag& alarm, const Recipient& recipient, std::string body) {
+    if (testing_email != 0) return true;
     if (disable_notification) {
         PrintLine("Notification DISABLED !!!!");
-        return;
+        return true;
     }
     PrintLine(color_mail, "-> Odesilam mail - group: ", recipient.group, " email: ", recipient.user.mail,
               color_off);
-    send_mail(recipient.user.mail.c_str(), std::move(body), subject.c_str(), "");
+    const bool goes_on = mail_road->submit({ChannelKind::kMail, eventOf(alarm), recipient.group,
+                                            recipient.user.id, recipient.user.mail, std::move(body)});
     PrintLine("-> Odeslan");
+    return goes_on;
 }
 
-void makeMail(const _alarm_tag& alarm, const Recipient& recipient) {
+bool makeMail(const _alarm_tag& alarm, const Recipient& recipient) {
     const std::string lang = languageOf(recipient.user);
     const _langs texts = getTextForLangs(alarm.id, lang);
     printRecipient(alarm, recipient, lang, texts);
     subject = "\"Alarming-immediately\"";
     test = '0';
-    deliver(recipient, alarmMailBody(alarm, texts));
+    return deliver(alarm, recipient, alarmMailBody(alarm, texts));
 }
 
-// Makes the alarm's mails. Returns how many were given up, because a client hung at a stop request in this
-// pass.
+// Makes the alarm's mails. Returns how many were given up, because a client hung in this pass.
 int handleAlarm(const _alarm_tag& alarm, bool& hung) {
     const int64_t event_time = eventTime(alarm)[0];
     if (isStale(event_time)) {
@@ -109,10 +80,9 @@ int handleAlarm(const _alarm_tag& alarm, bool& hung) {
         for (const _user& member : group.users) {
             if (hung) {
                 ++given_up;
-                continue;
+            } else {
+                hung = !makeMail(alarm, {group.group, member});
             }
-            makeMail(alarm, {group.group, member});
-            hung = mailClientHung();
         }
     }
     return given_up;
@@ -127,9 +97,7 @@ void printPassHeader() {
 
 }  // namespace
 
-std::string alarmMailBody(const _alarm_tag& alarm, const _langs& texts) {
-    return css_string + kTableHead + tableRow(alarm, ruleOf(alarm.stat).mail_word, texts) + kTail;
-}
+DeliveryRoad* mail_road = &direct_road;
 
 void vlakno_m() {
     sleep(kStartPauseSeconds);
@@ -150,5 +118,6 @@ void zpracuj_maily_by_users() {
     bool hung = false;
     int given_up = 0;
     while (fronta_mail.take(alarm)) given_up += handleAlarm(alarm, hung);
+    mail_road->pump(time(nullptr));
     if (given_up > 0) PrintErrorLine("Stop requested, mails not sent: ", given_up);
 }

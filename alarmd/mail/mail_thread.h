@@ -3,7 +3,7 @@
 #include <atomic>
 #include <string>
 
-#include "alarmd/alarmd.h"
+#include "alarmd/notify/delivery_road.h"
 #include "knihovny/thread3.h"
 
 // Set for each alarm mail and read by nothing else: the text handed to send_mail as its ignored third
@@ -11,8 +11,8 @@
 extern std::string subject;
 extern std::string test;
 
-// The HTML text of an alarm's mail with these texts of the alarm. Any thread.
-std::string alarmMailBody(const _alarm_tag& alarm, const _langs& texts);
+// What the mails are given to. Set before the mail thread starts; a DirectRoad to the mail client by itself.
+extern DeliveryRoad* mail_road;
 
 // The mail thread's body: after 2 s one pass every 3 s until konec is set. No pass starts while thr_lock is
 // raised.

@@ -6,6 +6,7 @@
 #include "alarmd/intake/alarm_parser.h"
 #include "alarmd/intake/history_poll.h"
 #include "alarmd/intake/notification_queues.h"
+#include "alarmd/mail/compose.h"
 #include "alarmd/mail/mail_thread.h"
 #include "tests/fuzz/world.h"
 

@@ -4,7 +4,8 @@
 // his mail address, his phone number, the sender's address, notifications off (1).
 #include <algorithm>
 
-#include "alarmd/mail/mail.h"
+#include "alarmd/mail/compose.h"
+#include "alarmd/mail/mail_channel.h"
 #include "alarmd/mail/mail_thread.h"
 #include "alarmd/sms/sms_sending.h"
 #include "tests/fuzz/world.h"

@@ -7,7 +7,8 @@
 #include <functional>
 #include <thread>
 
-#include "alarmd/mail/mail.h"
+#include "alarmd/mail/compose.h"
+#include "alarmd/mail/mail_channel.h"
 #include "alarmd/project/alarm_definitions.h"
 #include "tests/support/mail_fixture.h"
 
