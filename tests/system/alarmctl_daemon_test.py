@@ -113,8 +113,8 @@ class Daemon(AlarmctlTest):
         self.start_modem()
         self.start_gps()
         self.start_plant(gps_enable=True)
-        # As the sentences come in, those of two seconds may be together.
-        plant.wait_for(lambda: alarmctl("gps")[0] == 0, "a position", detail=lambda: repr(alarmctl("gps")))
+        # As the sentences come in, those of two seconds may be together, and the satellites come last.
+        plant.wait_for(lambda: "in view" in alarmctl("gps")[1], "a position", detail=lambda: repr(alarmctl("gps")))
         rows = {name: value.strip() for name, value in self.rows("gps").items()}
         self.assertRegex(rows["Position"], r"^50°0\d\.\d{4}' N  014°2\d\.\d{4}' E$")
         self.assertRegex(rows["Degrees"], r"^50\.\d{6}, 14\.\d{6}$")
