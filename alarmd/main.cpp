@@ -24,6 +24,7 @@
 #include "alarmd/signals.h"
 #include "alarmd/sms/sms_sending.h"
 #include "alarmd/sms/sms_thread.h"
+#include "alarmd/waiting/wait_list.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
@@ -121,15 +122,6 @@ void reread() {
     reload = false;
 }
 
-// True when alarms waited at the last call and none do now.
-bool alarmsHaveBeenTold() {
-    static bool alarms_waited = false;
-    const bool alarms_wait = !fronta_mail.empty() || !fronta_sms.empty();
-    const bool told = alarms_waited && !alarms_wait;
-    alarms_waited = alarms_wait;
-    return told;
-}
-
 void runMainLoop() {
     last_resend = time(nullptr);
     while (!konec) {
@@ -140,7 +132,7 @@ void runMainLoop() {
         const time_t now = time(nullptr);
         if (last_resend + kResendIntervalSeconds < now) checkResend(now);
         dropStaleSms();
-        if (alarmsHaveBeenTold()) giveMemoryBack();
+        if (alarmQueuesRanEmpty()) giveMemoryBack();
         if (!konec) sleep(kLoopPauseSeconds);
     }
 }

@@ -8,6 +8,7 @@
 
 #include "alarmd/alarmd.h"
 #include "alarmd/intake/alarm_parser.h"
+#include "alarmd/notify/daemon_events.h"
 #include "knihovny/debugerror.h"
 
 namespace {
@@ -62,19 +63,32 @@ void printRequest() {
     PrintLine("CURL request historead...\n", dotaz, "   ---   ", startPointText());
 }
 
-void handleFailure() {
-    PrintErrorLine("curl_easy_perform() failed: ", curl_easy_strerror(curl_res));
-    if (curl_response.size() <= kMostBody) return;
-    PrintErrorLine("history answer of more than ", kMostBody, " bytes dropped");
-    curl_response = std::string();
+// One request. What came in is left in curl_response.
+PollResult request() {
+    snprintf(dotaz, sizeof dotaz, "%s", historyRequest().c_str());
+    if (dbglev) printRequest();
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, dotaz);
+    curl_res = curl_easy_perform(curl);
+    if (curl_res == CURLE_OK) return {PollResult::kAnswered, ""};
+    return {curl_response.size() > kMostBody ? PollResult::kTooLong : PollResult::kFailed,
+            curl_easy_strerror(curl_res)};
 }
 
-void handleAnswer() {
-    if (dbglev) PrintLine("CURL response:", curl_response);
-    json_parse(curl_response.c_str());
-    // A new string, not clear(): the room of a large answer is given back.
-    curl_response = std::string();
-    takePendingLine();
+void printFailure(const PollResult& result) {
+    if (result.kind == PollResult::kAnswered) return;
+    PrintErrorLine("curl_easy_perform() failed: ", result.detail);
+    if (result.kind == PollResult::kTooLong)
+        PrintErrorLine("history answer of more than ", kMostBody, " bytes dropped");
+}
+
+// The answer is given up with its room, which a clear() would keep. A failed transfer's beginning stays.
+void handleAnswer(const PollResult& result) {
+    if (result.kind == PollResult::kAnswered) {
+        if (dbglev) PrintLine("CURL response:", curl_response);
+        json_parse(curl_response.c_str());
+    }
+    if (result.kind != PollResult::kFailed) curl_response = std::string();
+    if (result.kind == PollResult::kAnswered) takePendingLine();
 }
 
 }  // namespace
@@ -113,18 +127,14 @@ void openHistory() {
     setOptions();
 }
 
-void pollHistory() {
+PollResult pollHistory() {
     const std::string line = takePendingLine();
     if (!line.empty()) json_parse(line.c_str());
-    snprintf(dotaz, sizeof dotaz, "%s", historyRequest().c_str());
-    if (dbglev) printRequest();
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, dotaz);
-    curl_res = curl_easy_perform(curl);
-    if (curl_res != CURLE_OK) {
-        handleFailure();
-    } else {
-        handleAnswer();
-    }
+    PollResult result = request();
+    printFailure(result);
+    handleAnswer(result);
+    daemon_events.publish(HistoryPolled{result.kind == PollResult::kAnswered, result.detail});
+    return result;
 }
 
 void closeHistory() {

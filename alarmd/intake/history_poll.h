@@ -7,10 +7,21 @@
 // Makes the HTTPS handle for https_port. Without a handle the daemon still runs; every poll then fails.
 void openHistory();
 
+// What became of a poll.
+struct PollResult {
+    enum Kind {
+        kAnswered,
+        kFailed,   // no answer, or a part of one
+        kTooLong,  // it went on beyond 16 MiB and was dropped
+    };
+    Kind kind = kAnswered;
+    std::string detail;  // for people: why it failed
+};
+
 // Hands a pending line from tcps to json_parse, then makes one request and hands its answer to json_parse.
 // Failures are told on standard error; a redirect to another protocol than HTTPS and an answer of more than
 // 16 MiB are such. Connecting takes at most 5 s and a transfer at most 60 s; a stop request ends it.
-void pollHistory();
+PollResult pollHistory();
 
 // Releases the handle.
 void closeHistory();

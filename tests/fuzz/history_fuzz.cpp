@@ -8,6 +8,7 @@
 #include "alarmd/intake/notification_queues.h"
 #include "alarmd/mail/compose.h"
 #include "alarmd/mail/mail_thread.h"
+#include "alarmd/waiting/wait_list.h"
 #include "tests/fuzz/world.h"
 
 namespace {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "alarmd/alarmd.h"
+#include "alarmd/waiting/wait_list.h"
 #include "tests/support/intake_fixture.h"
 
 namespace {
