@@ -247,6 +247,7 @@ TEST_F(TcpClient2Test, EventsHearOfABlockBeforeItsBytes) {
     client.waitForCalls(8);
     EXPECT_EQ(client.calls(), (Calls{"connect", "read 1", "packet 1 then 0", "packet A", "event 1 65",
                                      "event A", "text A then 0", "byte 65"}));
+    client.Disconnect();  // its thread ends before the events' object
 }
 
 TEST_F(TcpClient2Test, ReadsAtMost512BytesAtOnce) {
@@ -273,6 +274,7 @@ TEST_F(TcpClient2Test, ReadsAtMost512BytesAtOnce) {
     sender.join();
     EXPECT_TRUE(client.received() == text);
     EXPECT_EQ(sizes.largest, 512);
+    client.Disconnect();  // its thread ends before the events' object
 }
 
 TEST_F(TcpClient2Test, ASilentServerIsLeftAfterFiveSecondsAndMetAgainByTheNextSend) {
