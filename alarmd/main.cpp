@@ -25,6 +25,7 @@
 #include "alarmd/sms/sms_sending.h"
 #include "alarmd/sms/sms_thread.h"
 #include "alarmd/waiting/wait_list.h"
+#include "knihovny/clock.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
@@ -102,7 +103,7 @@ void start() {
     giveMemoryBack();
     if (sms) readSMSset();
     startWorkers();
-    last_timestamp = time(nullptr);
+    last_timestamp = Now();
     openHistory();
     setUpServerLine();
     MySleep(0, kSettleNanoseconds);
@@ -123,13 +124,13 @@ void reread() {
 }
 
 void runMainLoop() {
-    last_resend = time(nullptr);
+    last_resend = Now();
     while (!konec) {
         if (reload && !konec) reread();
         const bool poll_now = readok;
         tcps.PollIsHeldUp(!poll_now);
         if (poll_now) pollHistory();
-        const time_t now = time(nullptr);
+        const time_t now = Now();
         if (last_resend + kResendIntervalSeconds < now) checkResend(now);
         dropStaleSms();
         if (alarmQueuesRanEmpty()) giveMemoryBack();

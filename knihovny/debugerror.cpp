@@ -15,6 +15,7 @@ namespace {
 LogStream output(STDOUT_FILENO);
 LogStream errors(STDERR_FILENO);
 LogStream* error_stream = &errors;  // set at the start only
+LogTarget* log_target = nullptr;
 
 bool areTheSame(int one, int other) {
     struct stat first {};
@@ -27,7 +28,12 @@ bool areTheSame(int one, int other) {
 
 std::atomic<int> debug_level{0};
 
+void setLogTarget(LogTarget* target) {
+    log_target = target;
+}
+
 void Print(std::string_view text) {
+    if (log_target != nullptr) return log_target->print(text);
     fflush(stdout);  // what others have printed by stdio comes first
     output.write(text);
     // Its own next line may be long in coming.
@@ -35,6 +41,7 @@ void Print(std::string_view text) {
 }
 
 void PrintError(std::string_view text) {
+    if (log_target != nullptr) return log_target->printError(text);
     error_stream->write(text);
 }
 

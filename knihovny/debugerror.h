@@ -17,6 +17,16 @@ void Print(std::string_view text);
 // The same on standard error, for what the daemon complains of in one line of its own.
 void PrintError(std::string_view text);
 
+// Where both write to instead of the streams, for a test. Null: the streams, as at first. For the main
+// thread, before there are others.
+class LogTarget {
+  public:
+    virtual ~LogTarget() = default;
+    virtual void print(std::string_view text) = 0;
+    virtual void printError(std::string_view text) = 0;
+};
+void setLogTarget(LogTarget* target);
+
 // perror: writes text, ": ", what errno means, and a newline on standard error. Keeps errno.
 void PrintSystemError(const char* text);
 

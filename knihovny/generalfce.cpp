@@ -16,6 +16,7 @@
 #include <ctime>
 #include <memory>
 
+#include "knihovny/clock.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/descriptor.h"
 #include "knihovny/regular_file.h"
@@ -126,14 +127,11 @@ class ParameterLines {
 }  // namespace
 
 void MySleep(long seconds, long nanoseconds) {
-    const timespec length{seconds, nanoseconds};
-    nanosleep(&length, nullptr);
+    process_clock->sleep(seconds, nanoseconds);
 }
 
 timeval MonotonicTime() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return {now.tv_sec, static_cast<suseconds_t>(now.tv_nsec / 1000)};
+    return process_clock->monotonic();
 }
 
 int TimevalMinus(timeval* result, timeval* a, timeval* b) {
@@ -151,7 +149,7 @@ bool TimevalMensi(timeval* a, timeval* b) {
 
 void TiskTed2(char* buffer, int size) {
     if (size <= 0) return;
-    const time_t now = time(nullptr);
+    const time_t now = Now();
     tm local{};
     localtime_r(&now, &local);
     // What a too small buffer holds after strftime is not defined.

@@ -14,6 +14,7 @@
 #include "alarmd/notify/recipients.h"
 #include "alarmd/notify/stale_alarm.h"
 #include "alarmd/project/texts.h"
+#include "knihovny/clock.h"
 #include "knihovny/debugerror.h"
 
 std::string subject;
@@ -118,6 +119,6 @@ void zpracuj_maily_by_users() {
     bool hung = false;
     int given_up = 0;
     while (fronta_mail.take(alarm)) given_up += handleAlarm(alarm, hung);
-    mail_road->pump(time(nullptr));
+    mail_road->pump(Now());
     if (given_up > 0) PrintErrorLine("Stop requested, mails not sent: ", given_up);
 }

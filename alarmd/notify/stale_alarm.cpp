@@ -5,6 +5,7 @@
 #include <string>
 
 #include "alarmd/alarmd.h"
+#include "knihovny/clock.h"
 #include "knihovny/debugerror.h"
 
 namespace {
@@ -22,7 +23,7 @@ std::string timeText(int64_t seconds) {
 bool isStale(int64_t event_time) {
     int64_t age;
     // Only a time far below zero is out of range.
-    if (__builtin_sub_overflow(static_cast<int64_t>(time(nullptr)), event_time, &age)) return true;
+    if (__builtin_sub_overflow(static_cast<int64_t>(Now()), event_time, &age)) return true;
     return age >= ALARM_TIMEOUT;
 }
 

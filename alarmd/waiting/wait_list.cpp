@@ -6,6 +6,7 @@
 #include "alarmd/alarmd.h"
 #include "alarmd/base/queues_change.h"
 #include "alarmd/waiting/resend_policy.h"
+#include "knihovny/clock.h"
 #include "knihovny/debugerror.h"
 
 namespace {
@@ -41,7 +42,7 @@ void uloz_alarm_wait_ack(int id, int stat, std::string& log) {
     AppendLine(log, ":: Saving alarm into wait_for_ack...");
     const auto waiting = lastWaiting(id);
     const bool found = waiting != wait_for_ack.end();
-    alarm_tag.last_notifiction = time(nullptr);
+    alarm_tag.last_notifiction = Now();
     alarm_tag.notificaion_no = 0;
     if (stat == kActivated && !found) wait_for_ack.push_back(alarm_tag);
     if ((stat == kDeactivated || stat == kAcknowledged) && found) wait_for_ack.erase(waiting);
