@@ -15,6 +15,18 @@
 #include "alarmd/requests/fcgi_request_reader.h"
 #include "knihovny/descriptor.h"
 
+// Where the responder takes its requests from, one by one.
+class RequestSource {
+  public:
+    virtual ~RequestSource() = default;
+
+    // Waits, without limit, for the next request. REQUIRES: the one before has been answered.
+    virtual FcgiRequest next() = 0;
+
+    // Sends the records to the client of the last request.
+    virtual void answer(std::string records) = 0;
+};
+
 // Clients that are slow, silent or do not keep to the protocol stay in here: the responder sees only requests
 // that are complete, and its answers are sent without waiting for their readers. A client has 10 s to begin a
 // request, 10 s for the rest of it and 10 s to take the answer; nothing else that it sends gives it more
@@ -24,7 +36,7 @@
 // begun: of the kept connection whose last answer is the oldest, and when there is none, of who has been
 // there for the longest time without ever beginning one. Who has begun a request stays until its limit; while
 // all have, others wait to be accepted. For one thread.
-class FcgiGate {
+class FcgiGate final : public RequestSource {
   public:
     // Requests with a body above longest_body bytes come without it, and their connection is not kept.
     explicit FcgiGate(size_t longest_body) : longest_body_(longest_body) {}
@@ -37,12 +49,11 @@ class FcgiGate {
     // The port that is listened on, 0 while there is none.
     int listeningPort() const { return listening_port_; }
 
-    // Waits, without limit, until a client has sent a whole request. REQUIRES: listenOn has succeeded, and
-    // the request before has been answered.
-    FcgiRequest next();
+    // REQUIRES: listenOn has succeeded.
+    FcgiRequest next() override;
 
-    // Sends the records to the client of the last request, and ends its connection unless that is to be kept.
-    void answer(std::string records);
+    // Ends the connection too, unless that is to be kept.
+    void answer(std::string records) override;
 
   private:
     using Clock = std::chrono::steady_clock;

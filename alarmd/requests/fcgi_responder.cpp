@@ -76,15 +76,15 @@ void printEnd() {
 
 }  // namespace
 
-void serveRequests(FcgiGate& gate) {
+void serveRequests(RequestSource& requests) {
     {
         FcgiLibrary library;
         while (!konec) {
-            const FcgiRequest request = gate.next();
+            const FcgiRequest request = requests.next();
             const bool accepted = library.accept(request);
             Answer answer;
             if (accepted && !konec) answer = serve(library, request.too_long);
-            gate.answer(library.finish());
+            requests.answer(library.finish());
             pauseAfter(answer);
             if (!accepted) MySleep(kRetrySeconds, 0);
         }

@@ -13,8 +13,8 @@ constexpr int kFcgiPort = 11032;
 // that comes after konec was set; that one gets an empty answer. One at a time in a process.
 void fcgi_run();
 
-// Its loop, and what it prints when it ends. REQUIRES: gate listens, FCGX_Init was called.
-void serveRequests(FcgiGate& gate);
+// Its loop, and what it prints when it ends. REQUIRES: FCGX_Init was called.
+void serveRequests(RequestSource& requests);
 
 // Never to be destroyed in the daemon: its thread waits for one more request before it ends, and the process
 // does not wait for that.

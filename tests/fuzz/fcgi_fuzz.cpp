@@ -109,29 +109,25 @@ std::string contentOf(std::string_view records, int id) {
     return content;
 }
 
-}  // namespace
+// Gives the client's requests and checks the answers.
+class Requests final : public RequestSource {
+  public:
+    FcgiRequest next() override {
+        if (client.served == client.requests.size()) throw EndOfRequests();
+        client.expected = expectedAnswer(client.requests[client.served]);
+        return client.requests[client.served++];
+    }
 
-FcgiRequest nextRequest(FcgiGate* gate) IN_PLACE_OF("_ZN8FcgiGate4nextEv");
-void takeAnswer(FcgiGate* gate, std::string records)
-    IN_PLACE_OF("_ZN8FcgiGate6answerENSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
-
-FcgiRequest nextRequest(FcgiGate* /*gate*/) {
-    if (client.served == client.requests.size()) throw EndOfRequests();
-    client.expected = expectedAnswer(client.requests[client.served]);
-    return client.requests[client.served++];
-}
-
-void takeAnswer(FcgiGate* /*gate*/, std::string records) {
-    const FcgiRequest& request = client.requests[client.served - 1];
-    const std::string content = contentOf(records, request.id);
-    MUST(content == client.expected);
-    if (content == kSmsAccepted) ++client.messages;
-    MUST(static_cast<size_t>(fronta_sms_raw.size()) == client.messages);
-    if (content == "\n{\"r\":55,\"s\":1}\n") MUST(disable_notification);
-    if (content == "\n{\"r\":56,\"s\":1}\n") MUST(!disable_notification);
-}
-
-namespace {
+    void answer(std::string records) override {
+        const FcgiRequest& request = client.requests[client.served - 1];
+        const std::string content = contentOf(records, request.id);
+        MUST(content == client.expected);
+        if (content == kSmsAccepted) ++client.messages;
+        MUST(static_cast<size_t>(fronta_sms_raw.size()) == client.messages);
+        if (content == "\n{\"r\":55,\"s\":1}\n") MUST(disable_notification);
+        if (content == "\n{\"r\":56,\"s\":1}\n") MUST(!disable_notification);
+    }
+};
 
 void fillDaemon() {
     gps_enable = true;
@@ -159,9 +155,9 @@ FUZZ_TARGET(fcgi) {
         MUST(same(by_bytes[i], client.requests[i]));
         checkRequest(by_bytes[i]);
     }
-    FcgiGate gate(kLongestRequest);
+    Requests requests;
     try {
-        serveRequests(gate);
+        serveRequests(requests);
     } catch (const EndOfRequests&) {
     }
     MUST(client.served == client.requests.size());
