@@ -8,6 +8,8 @@
 #include "alarmd/mail/compose.h"
 #include "knihovny/debugerror.h"
 
+ClientRunner run_mail_client = runClient;
+
 namespace {
 
 // The command as it would be typed: for the log only, no shell ever sees it.
@@ -58,7 +60,7 @@ SendResult sendMail(const std::string& to, const std::string& body, const std::s
     Print(log);
     message += '\n';  // an echo adds one
     SendResult result =
-        resultOf(runClient(client, {client, "-C", msmtp_conf_file, "-a", "korvato", "-t"}, message));
+        resultOf(run_mail_client(client, {client, "-C", msmtp_conf_file, "-a", "korvato", "-t"}, message));
     if (result.outcome != Outcome::kSent) PrintErrorLine("Mail client ", client, " ", result.detail);
     return result;
 }

@@ -2,9 +2,15 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "alarmd/mail/client_process.h"
 #include "alarmd/notify/channel.h"
+
+// What runs the mail client. Set before there are other threads; runClient by itself.
+using ClientRunner = ClientResult (*)(const std::string& path, const std::vector<std::string>& arguments,
+                                      const std::string& input);
+extern ClientRunner run_mail_client;
 
 // The mail client: binFolder/ext/msmtp/msmtp.
 std::string mailClientPath();
