@@ -15,7 +15,7 @@
 #include "alarmctl/daemon/daemon_answers.h"
 #include "alarmctl/explain/explain.h"
 #include "alarmctl/explain/explain_forms.h"
-#include "alarmctl/explain/sms_length.h"
+#include "alarmctl/text/sms_length.h"
 #include "alarmd/alarmd.h"
 #include "alarmd/base/json.h"
 #include "alarmd/notify/event.h"

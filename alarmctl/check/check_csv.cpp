@@ -7,7 +7,7 @@
 
 #include "alarmctl/check/check_contacts.h"
 #include "alarmctl/check/check_project.h"
-#include "alarmctl/explain/sms_length.h"
+#include "alarmctl/text/sms_length.h"
 #include "alarmd/alarmd.h"
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/group_number.h"

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "alarmctl/explain/sms_length.h"
+#include "alarmctl/text/sms_length.h"
 #include "alarmd/base/files.h"
 #include "alarmd/base/json.h"
 #include "alarmd/project/csv_file.h"

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "alarmctl/text/wording.h"
+
 enum class Severity {
     kNote,     // worth knowing
     kWarning,  // something is skipped, dropped or reaches nobody
@@ -58,24 +60,4 @@ class Findings {
   private:
     std::vector<Finding> findings_;
     std::vector<std::string> files_;
-};
-
-// "1 alarm", "2 alarms".
-std::string counted(size_t count, const std::string& noun);
-
-// Text in quotation marks, cut when it is long, for findings.
-std::string inQuotes(std::string_view text);
-
-// Collects what belongs to one finding and names the first few: "3 alarms: 5, 7, 9 and 12 more".
-class Naming {
-  public:
-    void add(std::string name);
-    size_t count() const { return count_; }
-
-    // The names with "and N more" behind them when there were more than a few.
-    std::string names() const;
-
-  private:
-    std::string names_;
-    size_t count_ = 0;
 };

@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "alarmctl/check/findings.h"
 #include "alarmctl/daemon/daemon_answers.h"
-#include "alarmctl/explain/sms_length.h"
+#include "alarmctl/text/sms_length.h"
+#include "alarmctl/text/wording.h"
 #include "alarmd/mail/compose.h"
 #include "alarmd/notify/event.h"
 #include "alarmd/project/texts.h"

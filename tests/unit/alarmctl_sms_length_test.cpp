@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "alarmctl/explain/sms_length.h"
+#include "alarmctl/text/sms_length.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "alarmctl/explain/sms_length.h"
+#include "alarmctl/text/sms_length.h"
 
 #include <algorithm>
 #include <cstdio>
