@@ -138,7 +138,7 @@ class CountingClient:
         self._at = 0
 
     def behave(self, mode=None, value=0):
-        """mode: slow, fail or refuse with their value (sim/counting_mail_client_main.cpp), None for normal."""
+        """mode: slow, fail or refuse with their value (sim/support/counting_mail_client_main.cpp), None for normal."""
         if mode:
             with open(self._path + ".mode.new", "w") as file:
                 file.write("%s %d" % (mode, value))

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "alarmd/alarmd.h"
-#include "sim/korvato_server.h"
+#include "sim/server/korvato_server.h"
 #include "tests/support/intake_fixture.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "sim/alarm_history.h"
-#include "sim/event_log.h"
+#include "sim/server/alarm_history.h"
+#include "sim/support/event_log.h"
 
 namespace {
 

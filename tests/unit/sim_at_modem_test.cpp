@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "sim/at_modem.h"
+#include "sim/modem/at_modem.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "alarmd/gps/nmea.h"
-#include "sim/gps_receiver.h"
+#include "sim/gps/gps_receiver.h"
 
 namespace {
 

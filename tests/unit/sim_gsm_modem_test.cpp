@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "sim/gsm_modem.h"
-#include "sim/modem_events.h"
-#include "sim/scenario.h"
+#include "sim/modem/gsm_modem.h"
+#include "sim/modem/modem_events.h"
+#include "sim/support/scenario.h"
 
 namespace {
 

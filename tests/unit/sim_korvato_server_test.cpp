@@ -11,9 +11,9 @@
 #include <string>
 #include <thread>
 
-#include "sim/korvato_server.h"
-#include "sim/scenario.h"
-#include "sim/server_events.h"
+#include "sim/server/korvato_server.h"
+#include "sim/server/server_events.h"
+#include "sim/support/scenario.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 #include <exception>
 
 #include "knihovny/debugerror.h"
-#include "sim/korvato_server.h"
-#include "sim/program.h"
-#include "sim/server_events.h"
+#include "sim/server/korvato_server.h"
+#include "sim/server/server_events.h"
+#include "sim/support/program.h"
 
 namespace {
 

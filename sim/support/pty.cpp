@@ -1,4 +1,4 @@
-#include "sim/pty.h"
+#include "sim/support/pty.h"
 
 #include <fcntl.h>
 #include <poll.h>

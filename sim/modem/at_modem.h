@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
-#include "sim/at_command.h"
-#include "sim/message_store.h"
+#include "sim/modem/at_command.h"
+#include "sim/modem/message_store.h"
 
 namespace sim {
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "sim/event_log.h"
-#include "sim/scenario.h"
+#include "sim/support/event_log.h"
+#include "sim/support/scenario.h"
 
 namespace sim {
 

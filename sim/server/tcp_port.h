@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "knihovny/mutex.h"
-#include "sim/local_port.h"
+#include "sim/server/local_port.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "sim/gps_receiver.h"
+#include "sim/gps/gps_receiver.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

@@ -1,9 +1,9 @@
-#include "sim/alarm_history.h"
+#include "sim/server/alarm_history.h"
 
 #include <algorithm>
 #include <charconv>
 
-#include "sim/event_log.h"
+#include "sim/support/event_log.h"
 
 namespace sim {
 namespace {

@@ -1,4 +1,4 @@
-#include "sim/program.h"
+#include "sim/support/program.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -11,7 +11,7 @@
 #include <charconv>
 
 #include "knihovny/debugerror.h"
-#include "sim/local_port.h"
+#include "sim/server/local_port.h"
 
 namespace sim {
 namespace {

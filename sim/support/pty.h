@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "sim/local_port.h"
+#include "sim/server/local_port.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "sim/message_store.h"
+#include "sim/modem/message_store.h"
 
 #include <utility>
 

@@ -16,11 +16,11 @@
 #include <vector>
 
 #include "knihovny/mutex.h"
-#include "sim/alarm_history.h"
-#include "sim/event_log.h"
-#include "sim/https_listener.h"
-#include "sim/local_port.h"
-#include "sim/tcp_port.h"
+#include "sim/server/alarm_history.h"
+#include "sim/server/https_listener.h"
+#include "sim/server/local_port.h"
+#include "sim/server/tcp_port.h"
+#include "sim/support/event_log.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "sim/tcp_port.h"
+#include "sim/server/tcp_port.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

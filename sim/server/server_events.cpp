@@ -1,4 +1,4 @@
-#include "sim/server_events.h"
+#include "sim/server/server_events.h"
 
 #include <stdexcept>
 #include <string>

@@ -2,9 +2,9 @@
 #include <exception>
 
 #include "knihovny/debugerror.h"
-#include "sim/gsm_modem.h"
-#include "sim/modem_events.h"
-#include "sim/program.h"
+#include "sim/modem/gsm_modem.h"
+#include "sim/modem/modem_events.h"
+#include "sim/support/program.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The events of scenario files and commands that concern the server.
 #pragma once
 
-#include "sim/korvato_server.h"
-#include "sim/scenario.h"
+#include "sim/server/korvato_server.h"
+#include "sim/support/scenario.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "sim/https_listener.h"
+#include "sim/server/https_listener.h"
 
 #include <fcntl.h>
 #include <httplib.h>
@@ -16,7 +16,7 @@
 #include <utility>
 
 #include "knihovny/mutex.h"
-#include "sim/local_port.h"
+#include "sim/server/local_port.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "sim/gsm_modem.h"
+#include "sim/modem/gsm_modem.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

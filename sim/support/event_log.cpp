@@ -1,4 +1,4 @@
-#include "sim/event_log.h"
+#include "sim/support/event_log.h"
 
 #include <json/writer.h>
 

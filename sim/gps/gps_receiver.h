@@ -22,10 +22,10 @@
 #include <vector>
 
 #include "knihovny/mutex.h"
-#include "sim/event_log.h"
-#include "sim/local_port.h"
-#include "sim/pty.h"
-#include "sim/scenario.h"
+#include "sim/server/local_port.h"
+#include "sim/support/event_log.h"
+#include "sim/support/pty.h"
+#include "sim/support/scenario.h"
 
 namespace sim {
 

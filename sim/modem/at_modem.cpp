@@ -1,4 +1,4 @@
-#include "sim/at_modem.h"
+#include "sim/modem/at_modem.h"
 
 #include <algorithm>
 #include <cctype>
@@ -6,7 +6,7 @@
 #include <ctime>
 #include <utility>
 
-#include "sim/event_log.h"
+#include "sim/support/event_log.h"
 
 namespace sim {
 namespace {

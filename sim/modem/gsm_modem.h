@@ -20,10 +20,10 @@
 #include <vector>
 
 #include "knihovny/mutex.h"
-#include "sim/at_modem.h"
-#include "sim/event_log.h"
-#include "sim/local_port.h"
-#include "sim/pty.h"
+#include "sim/modem/at_modem.h"
+#include "sim/server/local_port.h"
+#include "sim/support/event_log.h"
+#include "sim/support/pty.h"
 
 namespace sim {
 

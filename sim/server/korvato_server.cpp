@@ -1,4 +1,4 @@
-#include "sim/korvato_server.h"
+#include "sim/server/korvato_server.h"
 
 #include <httplib.h>
 

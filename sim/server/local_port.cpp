@@ -1,4 +1,4 @@
-#include "sim/local_port.h"
+#include "sim/server/local_port.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

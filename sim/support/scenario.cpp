@@ -1,4 +1,4 @@
-#include "sim/scenario.h"
+#include "sim/support/scenario.h"
 
 #include <json/reader.h>
 
@@ -11,8 +11,8 @@
 #include <random>
 #include <sstream>
 
-#include "sim/at_modem.h"
-#include "sim/korvato_server.h"
+#include "sim/modem/at_modem.h"
+#include "sim/server/korvato_server.h"
 
 namespace sim {
 namespace {

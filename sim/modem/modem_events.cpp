@@ -1,4 +1,4 @@
-#include "sim/modem_events.h"
+#include "sim/modem/modem_events.h"
 
 #include <stdexcept>
 

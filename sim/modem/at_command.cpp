@@ -1,4 +1,4 @@
-#include "sim/at_command.h"
+#include "sim/modem/at_command.h"
 
 #include <cctype>
 #include <charconv>

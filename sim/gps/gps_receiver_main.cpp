@@ -2,8 +2,8 @@
 #include <exception>
 
 #include "knihovny/debugerror.h"
-#include "sim/gps_receiver.h"
-#include "sim/program.h"
+#include "sim/gps/gps_receiver.h"
+#include "sim/support/program.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The events of scenario files and commands that concern the modem, its network and the phones in it.
 #pragma once
 
-#include "sim/gsm_modem.h"
-#include "sim/scenario.h"
+#include "sim/modem/gsm_modem.h"
+#include "sim/support/scenario.h"
 
 namespace sim {
 
