@@ -21,8 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "knihovny/descriptor.h"
 #include "knihovny/mutex.h"
-#include "sim/server/local_port.h"
 #include "sim/support/event_log.h"
 #include "sim/support/pty.h"
 #include "sim/support/scenario.h"

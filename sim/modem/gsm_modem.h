@@ -19,9 +19,9 @@
 #include <thread>
 #include <vector>
 
+#include "knihovny/descriptor.h"
 #include "knihovny/mutex.h"
 #include "sim/modem/at_modem.h"
-#include "sim/server/local_port.h"
 #include "sim/support/event_log.h"
 #include "sim/support/pty.h"
 

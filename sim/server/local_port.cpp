@@ -3,28 +3,13 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
-#include <utility>
+#include <string>
 
 namespace sim {
-
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) reset(other.release());
-    return *this;
-}
-
-int Descriptor::release() {
-    return std::exchange(fd_, -1);
-}
-
-void Descriptor::reset(int fd) {
-    if (fd_ != -1) close(fd_);
-    fd_ = fd;
-}
 
 Descriptor boundSocket(int port) {
     Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));

@@ -1,25 +1,9 @@
 // A TCP port of this machine's loopback address that stays ours while nothing listens on it.
 #pragma once
 
-#include <string>
+#include "knihovny/descriptor.h"
 
 namespace sim {
-
-// An open descriptor, closed at the end of its life. Moved, not copied.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    ~Descriptor() { reset(); }
-    Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept;
-
-    int get() const { return fd_; }
-    int release();
-    void reset(int fd = -1);
-
-  private:
-    int fd_;
-};
 
 // A stream socket on 127.0.0.1:port (0: any free port), close-on-exec, with SO_REUSEADDR, so that a second
 // one may be bound to the port while neither of them listens. Throws std::runtime_error that tells port and

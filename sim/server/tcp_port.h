@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "knihovny/descriptor.h"
 #include "knihovny/mutex.h"
 #include "sim/server/local_port.h"
 

@@ -11,7 +11,7 @@
 #include <charconv>
 
 #include "knihovny/debugerror.h"
-#include "sim/server/local_port.h"
+#include "knihovny/descriptor.h"
 
 namespace sim {
 namespace {

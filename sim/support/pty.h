@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "sim/server/local_port.h"
+#include "knihovny/descriptor.h"
 
 namespace sim {
 

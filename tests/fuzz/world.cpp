@@ -196,17 +196,13 @@ void sendWaitingSms() {
 }
 
 MemoryFile::MemoryFile(std::string_view content) : descriptor_(memfd_create("fuzz", MFD_CLOEXEC)) {
-    if (descriptor_ < 0 ||
-        write(descriptor_, content.data(), content.size()) != static_cast<ssize_t>(content.size()))
+    if (descriptor_.get() < 0 ||
+        write(descriptor_.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
         finding(__FILE__, __LINE__, "no file in memory");
 }
 
-MemoryFile::~MemoryFile() {
-    close(descriptor_);
-}
-
 std::string MemoryFile::path() const {
-    return "/proc/self/fd/" + std::to_string(descriptor_);
+    return "/proc/self/fd/" + std::to_string(descriptor_.get());
 }
 
 std::vector<std::string> parts(std::string_view text, char separator) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "alarmd/alarmd.h"
+#include "knihovny/descriptor.h"
 
 namespace fuzz {
 
@@ -95,14 +96,11 @@ bool endsProcess(const Action& action) {
 class MemoryFile {
   public:
     explicit MemoryFile(std::string_view content);
-    ~MemoryFile();
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
 
     std::string path() const;
 
   private:
-    const int descriptor_;
+    const Descriptor descriptor_;
 };
 
 // The parts of text between separators; one that is empty for an empty text.

@@ -12,8 +12,9 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
+
+#include "knihovny/descriptor.h"
 
 namespace fcgi {
 
@@ -105,26 +106,18 @@ class Client {
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<uint16_t>(to_port));
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-            close(fd_);
+        if (connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
             throw std::runtime_error("connect");
-        }
         const int on = 1;
-        setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     }
-    ~Client() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Client(Client&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
 
-    int descriptor() const { return fd_; }
+    int descriptor() const { return fd_.get(); }
 
     // False when the other side is gone.
     bool say(std::string_view bytes) const {
         while (!bytes.empty()) {
-            const ssize_t sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            const ssize_t sent = send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
             if (sent <= 0) return false;
             bytes.remove_prefix(static_cast<size_t>(sent));
         }
@@ -150,7 +143,7 @@ class Client {
     // True when the other side has closed within the time.
     bool closedWithin(int milliseconds) const {
         std::string bytes;
-        pollfd event{fd_, POLLIN, 0};
+        pollfd event{fd_.get(), POLLIN, 0};
         while (poll(&event, 1, milliseconds) == 1) {
             if (!hearSome(bytes, 0)) return true;
         }
@@ -159,16 +152,16 @@ class Client {
 
   private:
     bool hearSome(std::string& bytes, int milliseconds) const {
-        pollfd event{fd_, POLLIN, 0};
+        pollfd event{fd_.get(), POLLIN, 0};
         if (poll(&event, 1, milliseconds) != 1) return false;
         char block[65536];
-        const ssize_t count = recv(fd_, block, sizeof block, 0);
+        const ssize_t count = recv(fd_.get(), block, sizeof block, 0);
         if (count <= 0) return false;
         bytes.append(block, static_cast<size_t>(count));
         return true;
     }
 
-    int fd_;
+    Descriptor fd_;
 };
 
 inline Response ask(int to_port, std::string_view body) {

@@ -15,6 +15,7 @@
 
 #include "alarmd/alarmd.h"
 #include "alarmd/mail/client_process.h"
+#include "knihovny/descriptor.h"
 
 inline std::string fileText(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -51,16 +52,14 @@ class Output {
   public:
     explicit Output(int fd) : fd_(fd), saved_(fcntl(fd, F_DUPFD_CLOEXEC, 3)) {
         std::string name = (std::filesystem::temp_directory_path() / "alarmd_output_XXXXXX").string();
-        file_ = mkostemp(name.data(), O_CLOEXEC | O_APPEND);
+        file_.reset(mkostemp(name.data(), O_CLOEXEC | O_APPEND));
         unlink(name.c_str());
         fflush(nullptr);
-        dup2(file_, fd_);
+        dup2(file_.get(), fd_);
     }
     ~Output() {
         fflush(nullptr);
-        dup2(saved_, fd_);
-        close(saved_);
-        close(file_);
+        dup2(saved_.get(), fd_);
     }
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -68,17 +67,17 @@ class Output {
     std::string text() const {
         fflush(nullptr);
         struct stat status = {};
-        fstat(file_, &status);
+        fstat(file_.get(), &status);
         std::string text(static_cast<size_t>(status.st_size), '\0');
-        const ssize_t length = pread(file_, text.data(), text.size(), 0);
+        const ssize_t length = pread(file_.get(), text.data(), text.size(), 0);
         text.resize(length < 0 ? 0 : static_cast<size_t>(length));
         return text;
     }
 
   private:
     int fd_;
-    int saved_;
-    int file_ = -1;
+    Descriptor saved_;
+    Descriptor file_;
 };
 
 // The mail settings with a recording client: it keeps its arguments in args/N and its standard input in

@@ -18,6 +18,7 @@
 #include "alarmd/alarmd.h"
 #include "alarmd/sms/modem.h"
 #include "alarmd/sms/sms_sending.h"
+#include "knihovny/descriptor.h"
 #include "knihovny/mutex.h"
 
 class PtyModem {
@@ -25,26 +26,24 @@ class PtyModem {
     // When the received bytes end with `command`, the modem sends `reply`.
     using Script = std::vector<std::pair<std::string, std::string>>;
 
-    explicit PtyModem(Script script = {}) : script_(std::move(script)) {
-        master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        grantpt(master_);
-        unlockpt(master_);
+    explicit PtyModem(Script script = {})
+        : script_(std::move(script)), master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+        grantpt(master_.get());
+        unlockpt(master_.get());
         termios raw{};
-        tcgetattr(master_, &raw);
+        tcgetattr(master_.get(), &raw);
         cfmakeraw(&raw);
-        tcsetattr(master_, TCSANOW, &raw);
+        tcsetattr(master_.get(), TCSANOW, &raw);
         char name[128];
-        ptsname_r(master_, name, sizeof name);
+        ptsname_r(master_.get(), name, sizeof name);
         device_ = name;
-        keep_ = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);  // so that a closed channel is no hang-up
+        keep_.reset(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));  // so that a closed channel is no hang-up
         thread_ = std::thread([this] { run(); });
     }
 
     ~PtyModem() {
         stop_ = true;
         thread_.join();
-        close(keep_);
-        close(master_);
     }
 
     const std::string& device() const { return device_; }
@@ -58,7 +57,7 @@ class PtyModem {
     void say(const std::string& bytes) const {
         size_t done = 0;
         while (done < bytes.size()) {
-            const ssize_t written = write(master_, bytes.data() + done, bytes.size() - done);
+            const ssize_t written = write(master_.get(), bytes.data() + done, bytes.size() - done);
             if (written <= 0) return;
             done += static_cast<size_t>(written);
         }
@@ -70,7 +69,7 @@ class PtyModem {
     // How many bytes wait in the line.
     int waiting() const {
         int count = 0;
-        ioctl(master_, FIONREAD, &count);
+        ioctl(master_.get(), FIONREAD, &count);
         return count;
     }
 
@@ -86,14 +85,14 @@ class PtyModem {
   private:
     void run() {
         while (!stop_) {
-            pollfd event{master_, POLLIN, 0};
+            pollfd event{master_.get(), POLLIN, 0};
             if (deaf_) {
                 usleep(1000);
                 continue;
             }
             if (poll(&event, 1, 20) <= 0 || !(event.revents & POLLIN)) continue;
             char buffer[512];
-            const ssize_t count = read(master_, buffer, sizeof buffer);
+            const ssize_t count = read(master_.get(), buffer, sizeof buffer);
             for (ssize_t i = 0; i < count; ++i) take(buffer[i]);
         }
     }
@@ -111,8 +110,8 @@ class PtyModem {
     }
 
     Script script_;
-    int master_ = -1;
-    int keep_ = -1;
+    Descriptor master_;
+    Descriptor keep_;
     std::string device_;
     std::thread thread_;
     std::atomic<bool> stop_{false};

@@ -97,7 +97,7 @@ class Host {
     }
 
   private:
-    const sim::Descriptor port_;
+    const Descriptor port_;
     std::string text_;  // what is not handed out yet
 };
 

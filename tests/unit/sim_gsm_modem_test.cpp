@@ -50,7 +50,7 @@ class Host {
     }
 
   private:
-    const sim::Descriptor port_;
+    const Descriptor port_;
 };
 
 class GsmModemTest : public ::testing::Test {

@@ -104,7 +104,7 @@ class TcpClient {
     int error = 0;
 
   private:
-    const sim::Descriptor socket_;
+    const Descriptor socket_;
 };
 
 class KorvatoServerTest : public ::testing::Test {

@@ -15,6 +15,7 @@
 #include <optional>
 #include <thread>
 
+#include "knihovny/descriptor.h"
 #include "tests/support/fake_syslog.h"
 
 namespace {
@@ -96,33 +97,27 @@ class Peer {
         server.sin_family = AF_INET;
         server.sin_port = htons(static_cast<uint16_t>(port));
         inet_aton(address, &server.sin_addr);
-        connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&server), sizeof server) == 0;
+        connected_ = connect(fd_.get(), reinterpret_cast<sockaddr*>(&server), sizeof server) == 0;
         sockaddr_in own{};
         socklen_t length = sizeof own;
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&own), &length);
+        getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&own), &length);
         port_ = ntohs(own.sin_port);
     }
-    ~Peer() { hangUp(); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
 
-    void hangUp() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
+    void hangUp() { fd_.reset(); }
     bool connected() const { return connected_; }
     int port() const { return port_; }
     std::string name() const { return "127.0.0.1:" + std::to_string(port_); }
     void send(const std::string& text) const {
-        ASSERT_EQ(write(fd_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        ASSERT_EQ(write(fd_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
     // What comes, at least so many bytes unless the server hangs up.
     std::string receive(size_t length) const {
         std::string text;
         char block[65536];
-        pollfd readable{fd_, POLLIN, 0};
+        pollfd readable{fd_.get(), POLLIN, 0};
         while (text.size() < length && poll(&readable, 1, 30000) == 1) {
-            const ssize_t count = read(fd_, block, sizeof block);
+            const ssize_t count = read(fd_.get(), block, sizeof block);
             if (count <= 0) break;
             text.append(block, static_cast<size_t>(count));
         }
@@ -131,12 +126,12 @@ class Peer {
     // True when the server hung up without sending anything more.
     bool isLeft() const {
         char byte = 0;
-        pollfd readable{fd_, POLLIN, 0};
-        return poll(&readable, 1, 30000) == 1 && read(fd_, &byte, 1) <= 0;
+        pollfd readable{fd_.get(), POLLIN, 0};
+        return poll(&readable, 1, 30000) == 1 && read(fd_.get(), &byte, 1) <= 0;
     }
 
   private:
-    int fd_;
+    Descriptor fd_;
     bool connected_ = false;
     int port_ = 0;
 };
