@@ -16,6 +16,7 @@
 
 #include "alarmd/alarmd.h"
 #include "knihovny/debugerror.h"
+#include "knihovny/descriptor.h"
 
 int client_stop_limit = 60;
 
@@ -29,23 +30,6 @@ constexpr int kSliceMs = 100;
 constexpr int kBlindSliceMs = 5;
 // What a pipe holds, so that one read behind the client's end takes all that it left.
 constexpr size_t kPipeSize = 65536;
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    ~Descriptor() { reset(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return fd_; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) close(fd_);
-        fd_ = fd;
-    }
-
-  private:
-    int fd_;
-};
 
 // A pipe of which one end is the daemon's, who never waits at it, and the other one the client's, for whom it
 // is an ordinary, blocking one.
