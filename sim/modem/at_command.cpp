@@ -6,6 +6,8 @@
 namespace sim {
 namespace {
 
+constexpr size_t kLongestNumber = 20;
+
 char upper(char c) {
     return static_cast<char>(toupper(static_cast<unsigned char>(c)));
 }
@@ -54,7 +56,7 @@ AtCommand extendedCommand(const std::string& text) {
     AtCommand command;
     size_t end = 1;
     while (end < text.size() && (isLetter(text[end]) || isDigit(text[end]) || text[end] == '_')) ++end;
-    for (const char c : text.substr(0, end)) command.name += upper(c);
+    command.name = upperCase(text.substr(0, end));
     const std::string rest = text.substr(end);
     if (rest == "?") {
         command.form = AtCommand::kRead;
@@ -98,6 +100,20 @@ int AtCommand::number(size_t index, int otherwise) const {
     int parsed = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
     return error == std::errc() && end == text.data() + text.size() ? parsed : otherwise;
+}
+
+std::string upperCase(std::string text) {
+    for (char& c : text) c = upper(c);
+    return text;
+}
+
+std::string quoted(const std::string& text) {
+    return "\"" + text + "\"";
+}
+
+bool isTelephoneNumber(const std::string& text) {
+    return !text.empty() && text.size() <= kLongestNumber &&
+           text.find_first_not_of("0123456789*#", text[0] == '+' ? 1 : 0) == std::string::npos && text != "+";
 }
 
 bool parseAtLine(const std::string& line, std::vector<AtCommand>& commands) {

@@ -28,4 +28,10 @@ struct AtCommand {
 // Cuts a line, without its "AT" and its end, into commands. Returns false when it is no command line.
 bool parseAtLine(const std::string& line, std::vector<AtCommand>& commands);
 
+std::string upperCase(std::string text);
+// As a string parameter stands in a line.
+std::string quoted(const std::string& text);
+// At most 20 digits, '*' and '#', with or without a '+' before them.
+bool isTelephoneNumber(const std::string& text);
+
 }  // namespace sim

@@ -11,7 +11,7 @@
 #include <random>
 #include <sstream>
 
-#include "sim/modem/at_modem.h"
+#include "sim/modem/modem_world.h"
 #include "sim/server/korvato_server.h"
 
 namespace sim {

@@ -1,0 +1,35 @@
+// The modem's model and its surroundings.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace sim {
+
+// A model of modem.
+struct ModemModel {
+    const char* name;          // the answer to AT+CGMM
+    const char* manufacturer;  // the answer to AT+CGMI
+    bool huawei;               // knows the commands that begin with '^', and tells its signal unasked
+    int first_index;           // of the message store
+};
+
+// Null for an unknown name.
+const ModemModel* findModel(const std::string& name);
+const std::vector<ModemModel>& modemModels();
+
+// What the modem makes of its surroundings. Changed from outside at any time.
+struct ModemWorld {
+    bool sim = true;        // a SIM card is in
+    std::string pin;        // that the SIM asks for after power-up; empty: none
+    int tries_left = 3;     // wrong PINs until the SIM wants its PUK
+    bool network = true;    // there is a network
+    int refusals = 0;       // so many messages more are refused
+    int refusal_code = 38;  // +CMS ERROR of a refusal
+    double sending = 0;     // seconds a message takes to be sent
+    double slow = 0;        // seconds before each answer
+    bool mute = false;      // takes everything and says nothing
+    double chatter = 0;     // seconds from one ^RSSI to the next; 0: none
+};
+
+}  // namespace sim
