@@ -185,11 +185,13 @@ void AtModem::sendText() {
     const SentMessage& message =
         network_.send(outside_.now(), commands_.number(), editor_.text(), commands_.sim().error());
     std::string line = "sms to " + message.number + ": " + printable(message.text);
-    if (message.sent) {
+    if (!message.sent) line += " (refused, " + std::to_string(message.error) + ")";
+    if (world.quiet > 0) {
+        --world.quiet;
+    } else if (message.sent) {
         output_ += "\r\n+CMGS: " + std::to_string(message.reference) + "\r\n\r\nOK\r\n";
     } else {
         output_ += finalResult(AtAnswer::cms(message.error), cmee());
-        line += " (refused, " + std::to_string(message.error) + ")";
     }
     outside_.tell("sms", line, sentJson(message));
     if (!message.sent) return;

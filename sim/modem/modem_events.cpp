@@ -97,7 +97,12 @@ void normal(GsmModem& modem, const Json::Value&) {
         at.world.mute = false;
         at.world.slow = 0;
         at.world.chatter = 0;
+        at.world.quiet = 0;
     });
+}
+
+void quiet(GsmModem& modem, const Json::Value& event) {
+    modem.call([&](AtModem& at) { at.world.quiet = event["count"].asInt(); });
 }
 
 void noise(GsmModem& modem, const Json::Value& event) {
@@ -135,9 +140,10 @@ constexpr struct {
     const char* word;
     void (*action)(GsmModem&, const Json::Value&);
 } kModemActions[] = {
-    {"unplug", unplug}, {"plug", plug},       {"restart", restart}, {"mute", mute},   {"deaf", deaf},
-    {"slow", slow},     {"chatter", chatter}, {"normal", normal},   {"noise", noise}, {"says", say},
-    {"line", line},     {"reply", reply},     {"model", model},     {"sim", simCard}, {"no sim", simCard},
+    {"unplug", unplug}, {"plug", plug},   {"restart", restart}, {"mute", mute},
+    {"deaf", deaf},     {"slow", slow},   {"chatter", chatter}, {"normal", normal},
+    {"noise", noise},   {"says", say},    {"line", line},       {"reply", reply},
+    {"model", model},   {"sim", simCard}, {"no sim", simCard},  {"quiet", quiet},
 };
 
 Json::Value modemEvent(const Target& target, const Json::Value& event) {

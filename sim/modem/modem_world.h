@@ -29,6 +29,7 @@ struct ModemWorld {
     double sending = 0;     // seconds a message takes to be sent
     double slow = 0;        // seconds before each answer
     bool mute = false;      // takes everything and says nothing
+    int quiet = 0;          // says nothing to the texts of so many messages more
     double chatter = 0;     // seconds from one ^RSSI to the next; 0: none
 };
 

@@ -112,11 +112,11 @@ std::string checkModem(const Json::Value& event) {
     static constexpr struct {
         const char* word;
         const char* needs;
-    } kNeeds[] = {
-        {"slow", "seconds"}, {"chatter", "seconds"}, {"noise", "count"}, {"line", "text"}, {"reply", "to"}};
-    static constexpr const char* kKnown[] = {"unplug", "plug",  "restart", "mute",  "deaf",
-                                             "normal", "slow",  "chatter", "noise", "says",
-                                             "line",   "reply", "model",   "sim",   "no sim"};
+    } kNeeds[] = {{"slow", "seconds"}, {"chatter", "seconds"}, {"noise", "count"},
+                  {"quiet", "count"},  {"line", "text"},       {"reply", "to"}};
+    static constexpr const char* kKnown[] = {"unplug", "plug",    "restart", "mute", "deaf", "normal",
+                                             "slow",   "chatter", "noise",   "says", "line", "reply",
+                                             "model",  "sim",     "no sim",  "quiet"};
     const std::string word = event["modem"].asString();
     for (const auto& entry : kNeeds) {
         if (word == entry.word && !event.isMember(entry.needs))

@@ -13,15 +13,15 @@ import fleet_plant
 import plant
 import requests_plant
 import sms_plant
-from fleet_plant import ALLOWANCE, EVE, INITIALISATION_PAUSES, OK, obliging, sms_text
+from fleet_plant import ALLOWANCE, EVE, INITIALISATION_PAUSES, OK, sms_text
 from sms_plant import INITIALISED, JAN, NOT_INITIALISED, READING
 
 
 class Mute(fleet_plant.FleetTest):
     def test_what_is_no_modem_costs_no_mail_and_no_processor(self):
-        self.pty("mute-modem")
-        self.pty("refusing-modem", lambda command: b"\r\n+CME ERROR: 100\r\n")
-        self.pty("half-replies-modem", lambda command: b"\r\nO")
+        self.modem_at("mute-modem").modem("mute")
+        self.modem_at("refusing-modem").always(b"\r\n+CME ERROR: 100\r\n")
+        self.modem_at("half-replies-modem").always(b"\r\nO")
         self.write("file-modem", "some text\n")
         os.mkfifo(self.path("fifo-modem"))
         os.mkdir(self.path("folder-modem"))
@@ -60,7 +60,7 @@ class Counted(fleet_plant.FleetTest):
     def test_messages_told_as_sent_have_reached_their_phone_once(self):
         modems = {}
         for name, (delivered, answer, mode, *_) in self.OUTCOMES.items():
-            modems[name] = self.phone_modem("modem-" + name, (delivered, answer, mode))
+            modems[name] = self.modem_at("modem-" + name, (delivered, answer, mode))
             self.add(name, self.path("modem-" + name))
         for member in self.members:
             member.out.wait(INITIALISED)
@@ -85,14 +85,13 @@ class Counted(fleet_plant.FleetTest):
 
 class Unplugged(fleet_plant.FleetTest):
     # What has come from the daemon when the modem goes away.
-    MOMENTS = {"in-the-pin": b"AT+CPIN=", "in-the-initialisation": b"AT+CMGF=1", "in-a-reading": b"AT+CMGR=0",
-               "in-a-number": b"at+CMGS=", "in-a-text": b"\x1a"}
+    MOMENTS = {"in-the-pin": "AT+CPIN=", "in-the-initialisation": "AT+CMGF=1", "in-a-reading": "AT+CMGR=0",
+               "in-a-number": "at+CMGS=", "in-a-text": "\x1a"}
 
     def test_the_rest_goes_on_without_load_and_a_new_modem_stays_unused(self):
-        modems = {name: self.phone_modem("modem-" + name) for name in self.MOMENTS}
-        modems["in-a-text"].outcomes = [(True, [], "mute")]
+        modems = {name: self.modem_at("modem-" + name) for name in self.MOMENTS}
         for name, modem in modems.items():
-            modem.unplug_after = self.MOMENTS[name]
+            modem.modem("unplug", after=self.MOMENTS[name])
             self.add(name, self.path("modem-" + name))
         for name in ("in-the-pin", "in-the-initialisation", "in-a-reading"):
             modems[name].wait_unplugged()
@@ -107,7 +106,7 @@ class Unplugged(fleet_plant.FleetTest):
         self.assert_all_stop(INITIALISATION_PAUSES + ALLOWANCE)
         for member in self.members:
             with self.subTest(member.name):
-                self.assertEqual(modems[member.name].received, b"")
+                self.assertEqual(modems[member.name].received(), b"")
                 self.assertEqual(member.out.count("Seriovy port otevren"), 1)
                 # Told as failed, or as unsent at the end.
                 self.assertEqual(len(member.told_sms()) + member.unsent("SMS"), 1)
@@ -127,7 +126,7 @@ class Babbling(fleet_plant.FleetTest):
     """Bytes without an end, as fast as the daemon takes them."""
 
     def babble(self, *kinds):
-        line = self.pty("modem", babble=kinds[0])
+        line = self.babbler("modem", kinds[0])
         member = self.add("babbled-at", line.link)
         member.out.wait("Openning Modem port....OK")
         self.wait_first_polls()
@@ -155,11 +154,13 @@ class Babbling(fleet_plant.FleetTest):
 
     def test_replies_of_a_megabyte(self):
         long = [b"\r\n+CMGR: " + b"x" * 1000000 + OK, b"\r\nER" * 250000]
-        line = self.pty("modem", lambda command: long.pop() if command.startswith(b"\tAT+CMGR") and long else OK)
-        member = self.add("told-at-length", line.link)
+        modem = self.modem_at("modem")
+        for reply in reversed(long):
+            modem.modem("reply", to="AT+CMGR", hex=reply.hex())
+        member = self.add("told-at-length", modem.link)
         member.out.wait(READING, 3)
         self.wait_first_polls()
-        self.assertEqual(long, [])
+        self.assertEqual(modem.commands().count(("AT+CMGR=0", "as told")), 2)
         self.sim.alarm(30)
         member.out.wait(sms_plant.SEND_OK)
         self.assert_rest_goes_on(burning=self.members)
@@ -170,7 +171,7 @@ class Gps(fleet_plant.FleetTest):
     """What is no receiver, and one that says too much."""
 
     def add_with_gps(self, name):
-        self.pty(name + "-modem", obliging)
+        self.modem_at(name + "-modem")
         return self.add(name, self.path(name + "-modem"), start=False, gps_enable=True)
 
     def test_ports_that_are_none(self):
@@ -187,7 +188,7 @@ class Gps(fleet_plant.FleetTest):
 
     def test_babble(self):
         member = self.add_with_gps("babbled-at")
-        line = self.pty("babbled-at/gps", babble=lambda: os.urandom(4096))
+        line = self.babbler("babbled-at/gps", lambda: os.urandom(4096))
         self.start_member(member)
         member.out.wait("Openning GPS port....OK")
         self.wait_first_polls()

@@ -177,11 +177,10 @@ class SmsThread(StopTest):
         limit = self.answers(lambda n, _: entries(30) if n == 0 else
                              entries(*[31][:len(modems["limit"].delivered)])).port
         saved = printed(SMS_SAVED)
-        mute = dict.fromkeys(("pin", "initialisation"), "mute")
         silent = (False, [], "well")
-        on_line = lambda wanted: lambda member: wanted in modems[member.name].received and saved(member)
-        modems = {name: self.phone_modem("modem-" + name, silent) if name == "answer" else
-                  self.phone_modem("modem-" + name)
+        on_line = lambda wanted: lambda member: wanted in modems[member.name].received() and saved(member)
+        modems = {name: self.modem_at("modem-" + name, silent) if name == "answer" else
+                  self.modem_at("modem-" + name)
                   for name in ("pin", "initialisation", "loop", "prompt", "answer", "limit")}
         for name, condition, pauses, settings in (
                 ("no-port", saved, LOOP, {}), ("absent", saved, 5 + 2 + 2, {}),
@@ -189,8 +188,8 @@ class SmsThread(StopTest):
                 ("initialisation", on_line(b"AT+CMGF=1"), INITIALISATION_PAUSES, {}),
                 ("loop", printed(INITIALISED), LOOP, {}), ("prompt", on_line(b"at+CMGS="), 2 + 5 + 2, {}),
                 ("answer", on_line(b"\x1a"), 5 + 2, {}), ("limit", printed(EXCEEDED), LOOP, {"smspeermin": 0})):
-            if name in mute:
-                modems[name].mode = mute[name]
+            if name in ("pin", "initialisation"):
+                modems[name].modem("mute")
             device = "" if name == "no-port" else self.path("modem-" + name)
             member = self.add(name, device, server_port=limit if name == "limit" else port, start=False, **settings)
             self.start_phase(member, condition, pauses)
@@ -209,7 +208,7 @@ class Others(StopTest):
     def test_gps_while_it_waits_for_the_modem_and_in_its_loop(self):
         waits = self.add("waits", start=False, gps_enable=True)
         self.start_phase(waits, printed(plant.starting("JSON : ")), 5 + 2 + 2)  # the SMS thread's
-        self.pty("modem", fleet_plant.obliging)
+        self.modem_at("modem")
         loops = self.add("loops", self.path("modem"), start=False, gps_enable=True)
         os.mkfifo(os.path.join(loops.folder, "gps"))
         self.start_phase(loops, printed("----------GPS-----------"), LOOP)
@@ -247,7 +246,7 @@ class Others(StopTest):
         orders = {"twice": (term, term), "hundred": (term,) * 100, "mixed": (term, interrupt, reload) * 30,
                   "reload-then-term": (reload, term), "term-then-reload": (term, reload), "reloads": (reload,) * 100}
         for name, signals in orders.items():
-            self.pty("modem-" + name, fleet_plant.obliging)
+            self.modem_at("modem-" + name)
             member = self.add(name, self.path("modem-" + name), start=False)
             # Of a reading that is under way, the clearing of the store is waited for.
             self.start_phase(member, printed(READING), 1 + 4 + 2, *signals)

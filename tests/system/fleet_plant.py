@@ -1,5 +1,5 @@
 """Several daemons side by side in one world, each in a folder of its own: with its own settings, ports of the modem and
-the GPS receiver, mail client and log. And modems whose every byte the test decides.
+the GPS receiver, mail client and log. And a line that babbles.
 
 The daemon's fixed paths lead through /proc/self/cwd, so each daemon finds the files of its own folder there. All of
 them ask one simulated server, unless they are given another one. The first that was started has the FastCGI port.
@@ -43,134 +43,87 @@ def sms_text(number):
     return "(ACT) Message %d /ack:%d" % (number, number)
 
 
-class Pty:
-    """A terminal at a link. Its other side is the test's: answer(command) gives the bytes that follow each carriage
-    return, babble(), if set, the bytes that go out for ever and as fast as they are taken."""
+class Babbler:
+    """A terminal at a link, whose other side says what babble() gives, for ever and as fast as it is taken."""
 
-    def __init__(self, link, answer=None, babble=None):
-        self.link, self.babble, self.received = link, babble, b""
+    def __init__(self, link, babble):
+        self.link, self.babble = link, babble
         self.said = 0  # bytes that were taken
-        self.unplug_after = None  # bytes; when they have come, the port goes away
-        self._answer = answer or (lambda command: b"")
-        self._later = []  # (time, bytes)
         self._ended = False
-        self._plug()
-
-    def _plug(self):
         self._master, self._slave = os.openpty()
         tty.setraw(self._slave)
         os.set_blocking(self._master, False)
-        os.symlink(os.ttyname(self._slave), self.link)
-        self._out = self._rest = b""
-        self.plugged = True
+        os.symlink(os.ttyname(self._slave), link)
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
 
-    def say(self, data, after=0.0):
-        self._later.append((time.monotonic() + after, data))
-
     def _run(self):
-        while self.plugged and not self._ended:
-            self._collect()
-            ways = select.select([self._master], [self._master] if self._out else [], [], 0.02)
+        out = b""
+        while not self._ended:
+            out = out or self.babble()
+            readable, writable, _ = select.select([self._master], [self._master], [], 0.02)
             try:
-                if ways[0]:
-                    self._take(os.read(self._master, 65536))
-                    if self.unplug_after and self.unplug_after in self.received:
-                        break
-                if ways[1]:
-                    count = os.write(self._master, self._out[:4096])
+                if readable:
+                    os.read(self._master, 65536)
+                if writable:
+                    count = os.write(self._master, out[:4096])
                     self.said += count
-                    self._out = self._out[count:]
+                    out = out[count:]
             except BlockingIOError:
                 pass
-        self.plugged = False  # the program sees an end of the line
-        os.close(self._master)
-        os.close(self._slave)
-        os.unlink(self.link)
-
-    def _collect(self):
-        """What is to go out next."""
-        now = time.monotonic()
-        while self._later and self._later[0][0] <= now:
-            self._out += self._later.pop(0)[1]
-        if not self._out and self.babble:
-            self._out = self.babble()
-
-    def _take(self, data):
-        self.received += data
-        self._rest += data
-        while b"\r" in self._rest:
-            command, self._rest = self._rest.split(b"\r", 1)
-            self._out += self._answer(command)
-
-    def wait_received(self, wanted, count=1):
-        plant.wait_for(lambda: self.received.count(wanted) >= count, "%r on the line" % wanted,
-                       detail=lambda: repr(self.received))
-
-    def wait_unplugged(self):
-        self._thread.join(plant.PATIENCE)
-        if self.plugged:
-            raise AssertionError("%r has not come: %r" % (self.unplug_after, self.received))
-
-    def plug_again(self):
-        self.unplug_after, self.received = None, b""
-        self._plug()
 
     def end(self):
         self._ended = True
         self._thread.join()
+        os.close(self._master)
+        os.close(self._slave)
+        os.unlink(self.link)
 
 
 OK = b"\r\nOK\r\n"
+FOR_EVER = 1000000
 
 
-def obliging(_):
-    """Answers OK to everything; its store is empty."""
-    return OK
+class Modem(sms_plant.ModemSim):
+    """A simulated modem of one daemon. What it says to the first message can be a test's own: outcome is (whether the
+    message is delivered, what the modem says, the mode from then on); what it says is a list of (seconds, bytes), the
+    mode is "well", "mute" or "error": says nothing, or ERROR to everything."""
 
+    def __init__(self, link, outcome=None):
+        super().__init__(link=link)
+        if outcome:
+            delivered, answer, mode = outcome
+            self.modem("quiet", count=1)
+            if not delivered:
+                self.command(network="refuses", count=1)
+            threading.Thread(target=self._answer, args=(answer, mode), daemon=True).start()
 
-class PhoneModem(Pty):
-    """A modem that keeps the messages it is given. For each of them outcomes has (whether it is delivered, its answer,
-    the mode from then on); the answer is a list of (seconds, bytes). When there are no more outcomes, all is well."""
+    def always(self, reply):
+        """From now on this is the answer to everything."""
+        self.modem("reply", to="", hex=reply.hex(), times=FOR_EVER)
 
-    WELL = (True, [(0, b"\r\n+CMGS: 1\r\n" + OK)], "well")
+    def _answer(self, answer, mode):
+        """The daemon waits for the answer, so the mode is in force before its next command."""
+        at, _ = self.out.wait(sms_plant.event("sms"), limit=2 * plant.PATIENCE)
+        if mode == "mute":
+            self.modem("mute")
+        elif mode == "error":
+            self.always(b"\r\nERROR\r\n")
+        for seconds, data in answer:
+            time.sleep(max(0, at + seconds - time.monotonic()))
+            self.modem("says", hex=data.hex())
 
-    def __init__(self, link, *outcomes):
-        self.delivered = collections.Counter()  # (number, text)
-        self.mode = "well"  # or "mute", "error": says nothing, or ERROR to everything
-        self.outcomes = list(outcomes)
-        super().__init__(link)
+    @property
+    def delivered(self):
+        """How many times each message, (number, text), has got to its phone."""
+        return collections.Counter((sms["number"], sms["text"]) for sms in self.events("sms") if sms["sent"])
 
-    def _plug(self):
-        self._number = None  # of the message whose text is to come
-        super()._plug()
+    def wait_unplugged(self):
+        self.out.wait(sms_plant.event("port", what="unplugged"))
 
-    def _take(self, data):
-        self.received += data
-        self._rest += data
-        while True:
-            end = b"\x1a" if self._number is not None else b"\r"
-            if end not in self._rest:
-                return
-            piece, self._rest = self._rest.split(end, 1)
-            self._reply(piece.strip(b"\0\t\r\n"))
-
-    def _reply(self, piece):
-        if self._number is not None:
-            delivered, answer, self.mode = self.outcomes.pop(0) if self.outcomes else self.WELL
-            if delivered:
-                self.delivered[self._number, piece.decode()] += 1
-            self._number = None
-            for seconds, data in answer:
-                self.say(data, seconds)
-        elif self.mode == "error":
-            self._out += b"\r\nERROR\r\n"
-        elif self.mode == "well":
-            order = re.fullmatch(rb'at\+CMGS="(.*)"', piece)
-            if order:
-                self._number = order[1].decode()
-            self._out += b"\r\n> " if order else OK
+    def plug_again(self):
+        self.command(clear="line")
+        self.modem("plug")
 
 
 class Member:
@@ -255,12 +208,12 @@ class FleetTest(sms_plant.SmsTest):
         self.members.append(member.start(self))
         return member
 
-    def pty(self, path, *arguments, **more):
-        """A terminal of the test's at this path in the test's folder."""
-        return self._keep(Pty(self.path(path), *arguments, **more))
+    def modem_at(self, path, *outcome):
+        """A modem at this path in the test's folder."""
+        return self._keep(Modem(self.path(path), *outcome))
 
-    def phone_modem(self, path, *outcomes):
-        return self._keep(PhoneModem(self.path(path), *outcomes))
+    def babbler(self, path, babble):
+        return self._keep(Babbler(self.path(path), babble))
 
     def _keep(self, line):
         self.addCleanup(line.end)

@@ -232,15 +232,17 @@ class Sim(Process):
     def __init__(self, program, *arguments):
         super().__init__([program, "--control", "--json-events", *arguments], stdin=subprocess.PIPE)
         self._answers = 0
+        self._lock = threading.Lock()
         self.ready = json.loads(self.out.wait(lambda line: '"event":"ready"' in line)[1])
 
     def command(self, **command):
         """Carries out a command and returns its answer."""
-        self._answers += 1
-        command["ref"] = self._answers
-        self.process.stdin.write(json.dumps(command).encode() + b"\n")
-        self.process.stdin.flush()
-        end = '"ref":%d' % self._answers
+        with self._lock:
+            self._answers += 1
+            command["ref"] = self._answers
+            self.process.stdin.write(json.dumps(command).encode() + b"\n")
+            self.process.stdin.flush()
+            end = '"ref":%d' % self._answers
         answer = json.loads(self.out.wait(lambda line: '"ok":' in line and end in line)[1])
         if not answer["ok"]:
             raise AssertionError("%r: %r" % (command, answer))

@@ -78,10 +78,11 @@ def event(name, **members):
 
 
 class ModemSim(plant.Sim):
-    """The simulated modem at the daemon's port."""
+    """The simulated modem, at the daemon's port unless another link is given."""
 
-    def __init__(self, *arguments):
-        super().__init__(MODEM_SIM, "--link", MODEM_PORT, *arguments)
+    def __init__(self, *arguments, link=MODEM_PORT):
+        self.link = link
+        super().__init__(MODEM_SIM, "--link", link, *arguments)
 
     def phone(self, number, text, **more):
         """This phone sends a message."""

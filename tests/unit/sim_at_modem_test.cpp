@@ -248,6 +248,17 @@ TEST_F(AtModemTest, TheNetworkRefusesTheNextMessages) {
     EXPECT_EQ(events.back(), "sms: sms to 1: c (refused, 331)");
 }
 
+TEST_F(AtModemTest, AQuietModemSaysNothingToATextAndGoesOn) {
+    withoutEcho();
+    modem.world.quiet = 1;
+    say("AT+CMGS=\"1\"\r");
+    EXPECT_EQ(say("a\x1A"), "");
+    EXPECT_TRUE(modem.sentMessages()[0].sent);
+    EXPECT_EQ(events.back(), "sms: sms to 1: a");
+    say("AT+CMGS=\"1\"\r");
+    EXPECT_EQ(say("b\x1A"), "\r\n+CMGS: 2\r\n\r\nOK\r\n");
+}
+
 TEST_F(AtModemTest, ATextMayHave160Bytes) {
     withoutEcho();
     say("AT+CMGS=\"1\"\r");
