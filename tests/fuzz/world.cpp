@@ -13,11 +13,11 @@
 #include "alarmd/project/alarm_definitions.h"
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/texts.h"
-#include "alarmd/requests/modem_status.h"
 #include "alarmd/sms/modem.h"
 #include "alarmd/sms/sms_reception.h"
 #include "alarmd/sms/sms_sending.h"
 #include "knihovny/generalfce.h"
+#include "tests/support/resets.h"
 
 class TcpClient2;
 
@@ -32,75 +32,9 @@ constexpr int64_t kStart = 1700000000 * kNanosecondsPerSecond;
 
 const char* running = "";  // the present target
 
-void resetSettings() {
-    konec = konecModem = konecGps = reload = thr_lock = disable_notification = modemInit = false;
-    readok = true;
-    dbglev = 0;
-    use_msmtp = true;
-    test_send = false;
-    pFolder = http_port = https_port = binFolder = mail_from = "";
-    resend_enable = false;
-    resend_period1_timeout = 300;
-    resend_period1_quantity = resend_period2_quantity = 5;
-    resend_period2_timeout = 3600;
-    resend_max_quantity = resend_actual_timeout = 0;
+void reset() {
+    resetDaemonState();
     smspeermin = 1000000;  // no message is to wait for the next minute
-    tcp_port = 0;
-    tcp_timeout = 15;
-    gps_enable = false;
-    MutexLock lock(settings_mutex);
-    modemPort = "/dev/ttyModem2";
-    pin = smsc = projectID = "";
-}
-
-void resetProject() {
-    alarm_def = _alarm_def();
-    user = _user();
-    MutexLock lock(project_mutex);
-    clearDefinitions();
-    user_list.clear();
-    for (_group& group : list_group) group = _group();
-}
-
-void resetQueues() {
-    fronta_mail.clear();
-    fronta_sms.clear();
-    fronta_sms_raw.clear();
-    wait_for_ack.clear();
-    alarm_tag = _alarm_tag();
-    last_resend = last_timestamp_ms = 0;
-    last_timestamp = 0;
-    time_sms_count = 0;
-    sms_count = 0;
-    sms_counter = 0;
-}
-
-void resetReceivers() {
-    modemSays("\r\n");  // the line end that may still be awaited behind an OK
-    clearReply();
-    awaitPrompt();
-    owed_bytes.clear();
-    receive = rec_status = cekam = msg_cnt = linitstr = 0;
-    timeout = readsmstime = 0;
-    zprava.clear();
-    {
-        MutexLock lock(last_sms_mutex);
-        last_sms = _last_sms();
-    }
-    {
-        MutexLock lock(status_mutex);
-        status = _status();
-    }
-    MutexLock lock(gps_mutex);
-    gps_data = _gps_data();
-    gps_data_parse = _gps_data_parse();
-}
-
-void resetDaemon() {
-    resetSettings();
-    resetProject();
-    resetQueues();
-    resetReceivers();
     srand(1);
     world = World();
     world.nanoseconds = kStart;
@@ -155,7 +89,7 @@ std::vector<Target>& targets() {
 
 void run(const Target& target, std::string_view input) {
     running = target.name;
-    resetDaemon();
+    reset();
     try {
         target.body(input);
     } catch (const ProcessEnd& end) {

@@ -9,6 +9,8 @@
 
 #include "alarmd/alarmd.h"
 #include "alarmd/project/alarm_definitions.h"
+#include "tests/support/captured_output.h"
+#include "tests/support/resets.h"
 
 constexpr int64_t kStart = 1700000000;
 
@@ -18,19 +20,10 @@ class IntakeFixture : public testing::Test {
     ~IntakeFixture() override { clear(); }
 
     static void clear() {
-        konec = thr_lock = false;
-        dbglev = 0;
-        clearQueues();
-        resend_enable = false;
-        resend_period1_timeout = 300;
-        resend_period2_timeout = 3600;
-        resend_period1_quantity = resend_period2_quantity = 5;
-        resend_max_quantity = resend_actual_timeout = 0;
-        last_resend = 0;
+        resetDaemonState();
         last_timestamp = kStart;
-        last_timestamp_ms = 0;
-        clearProject();
-        setPendingLine("");
+        MutexLock lock(settings_mutex);
+        projectID = "7";
     }
 
     static void clearQueues() {
@@ -82,14 +75,6 @@ inline std::vector<std::pair<int, int>> takeStates(Fronta<_alarm_tag>& queue) {
     std::vector<std::pair<int, int>> states;
     for (const _alarm_tag& tag : takeAll(queue)) states.emplace_back(tag.id, tag.stat);
     return states;
-}
-
-// What a call writes to standard output.
-template <class Call>
-std::string outputOf(Call call) {
-    testing::internal::CaptureStdout();
-    call();
-    return testing::internal::GetCapturedStdout();
 }
 
 inline _alarm_def mailDefinition() {

@@ -17,9 +17,9 @@
 
 #include "alarmd/alarmd.h"
 #include "alarmd/sms/modem.h"
-#include "alarmd/sms/sms_sending.h"
 #include "knihovny/descriptor.h"
 #include "knihovny/mutex.h"
+#include "tests/support/resets.h"
 
 class PtyModem {
   public:
@@ -119,31 +119,6 @@ class PtyModem {
     Mutex mutex_;
     std::string received_ GUARDED_BY(mutex_);
 };
-
-// Puts the SMS rooms and what they read back to their start.
-inline void resetSmsState() {
-    konec = konecModem = false;
-    thr_lock = false;
-    disable_notification = false;
-    modemInit = false;
-    testing_sms = 0;
-    smspeermin = 10;
-    time_sms_count = 0;
-    sms_count = 0;
-    sms_counter = 0;
-    msg_cnt = 0;
-    readsmstime = 0;
-    receive = 0;
-    rec_status = 0;
-    clearReply();
-    awaitPrompt();
-    owed_bytes.clear();
-    fronta_sms.clear();
-    fronta_sms_raw.clear();
-    MutexLock lock(project_mutex);
-    user_list.clear();
-    for (_group& group : list_group) group = _group();
-}
 
 // Opens the daemon's modem channel on the device.
 inline bool connectModem(const std::string& device) {

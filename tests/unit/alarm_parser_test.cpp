@@ -23,7 +23,7 @@ constexpr char kCheckAndMail[] =
 class AlarmParser : public IntakeFixture {
   protected:
     static std::string parse(const std::string& text) {
-        return outputOf([&text] { json_parse(text.c_str()); });
+        return printedBy([&text] { json_parse(text.c_str()); });
     }
 
     static void expectStartPoint(int64_t seconds, int64_t microseconds) {

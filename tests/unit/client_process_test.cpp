@@ -82,7 +82,7 @@ TEST_F(ClientProcess, HasBlockingStandardDescriptors) {
 }
 
 TEST_F(ClientProcess, TalksToTheLogByteForByte) {
-    Output output(STDOUT_FILENO), errors(STDERR_FILENO);
+    CapturedOutput output(STDOUT_FILENO), errors(STDERR_FILENO);
     expectResult(runScript("printf 'one\\n\\000two'\nprintf 'oops\\r\\n' >&2\nexit 3"), ClientResult::kExited,
                  3);
     EXPECT_EQ(output.text(), std::string("one\n\0two", 8));
@@ -90,7 +90,7 @@ TEST_F(ClientProcess, TalksToTheLogByteForByte) {
 }
 
 TEST_F(ClientProcess, MayTalkALotBeforeItReads) {
-    Output output(STDOUT_FILENO), errors(STDERR_FILENO);
+    CapturedOutput output(STDOUT_FILENO), errors(STDERR_FILENO);
     std::ofstream(folder / "words", std::ios::binary) << largeInput();
     expectResult(
         runScript("cat \"$DIR/words\"\ncat \"$DIR/words\" >&2\ncat >\"$DIR/input\"\ncat \"$DIR/words\"",
@@ -108,7 +108,7 @@ TEST_F(ClientProcess, MayCloseItsOutputsAndGoOn) {
 }
 
 TEST_F(ClientProcess, IsNotWaitedForInAProcessThatItLeavesBehind) {
-    Output output(STDOUT_FILENO);
+    CapturedOutput output(STDOUT_FILENO);
     expectResult(runScript("(while [ -d \"$DIR\" ]; do sleep 0.01; done; echo late) &\n"
                            "echo first"),
                  ClientResult::kExited, 0);

@@ -27,26 +27,11 @@ constexpr char kSmsAccepted[] = "\n{\"s\":1,\"r\":50}\n";
 constexpr char kSmsQueueFull[] = "\n{\"r\":50,\"s\":0,\"err\":\"SMS queue is full\"}\n";
 constexpr char kParseFailure[] = "\n{\"s\":0, \"err\":\"Failed to parse JSON\"}";
 
-void resetState() {
-    konec = false;
-    disable_notification = false;
-    gps_enable = false;
-    sms_counter = 0;
-    fronta_sms_raw.clear();
-    {
-        MutexLock lock(gps_mutex);
-        gps_data = _gps_data();
-        gps_data_parse = _gps_data_parse();
-    }
-    MutexLock lock(last_sms_mutex);
-    last_sms = _last_sms();
-}
-
 // A responder on a port of its own; its log is captured.
 class FcgiResponderTest : public testing::Test {
   protected:
     FcgiResponderTest() {
-        resetState();
+        resetDaemonState();
         FCGX_Init();
         EXPECT_EQ(gate_.listenOn(0), 0);
         testing::internal::CaptureStdout();
@@ -57,7 +42,7 @@ class FcgiResponderTest : public testing::Test {
     }
     ~FcgiResponderTest() override {
         stop();
-        resetState();
+        resetDaemonState();
     }
 
     int port() const { return gate_.listeningPort(); }
@@ -625,8 +610,8 @@ bool portIsFree() {
 
 class FcgiThreadTest : public testing::Test {
   protected:
-    FcgiThreadTest() { resetState(); }
-    ~FcgiThreadTest() override { resetState(); }
+    FcgiThreadTest() { resetDaemonState(); }
+    ~FcgiThreadTest() override { resetDaemonState(); }
 
     static bool answers() {
         try {

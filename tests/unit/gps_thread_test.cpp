@@ -20,20 +20,11 @@ _gps_data stored() {
 
 class GpsThreadTest : public testing::Test {
   protected:
-    GpsThreadTest() { reset(); }
+    GpsThreadTest() { resetDaemonState(); }
     ~GpsThreadTest() override {
         konecGps = true;
         gps.StopReading();
-        reset();
-    }
-
-    static void reset() {
-        resetSmsState();
-        konecGps = false;
-        gps_enable = false;
-        linitstr = 0;
-        MutexLock lock(gps_mutex);
-        gps_data = _gps_data();
+        resetDaemonState();
     }
 
     static bool connectGps(const std::string& device) {

@@ -84,16 +84,8 @@ TEST(WriteCallback, CutsAChunkAtItsFirstZeroByteAndReportsItWhole) {
 // ---------------------------------------------------------------------------------------------------------------
 // Without a server
 
-struct Outputs {
-    std::string out, err;
-};
-
-Outputs poll() {
-    Outputs outputs;
-    testing::internal::CaptureStderr();
-    outputs.out = outputOf(pollHistory);
-    outputs.err = testing::internal::GetCapturedStderr();
-    return outputs;
+Output poll() {
+    return outputOf(pollHistory);
 }
 
 std::string failure(const std::string& why) {
@@ -104,7 +96,7 @@ class PollWithoutHandle : public IntakeFixture {};
 
 TEST_F(PollWithoutHandle, FailsWithTheLibrarysTextEachTime) {
     for (int i = 0; i < 2; ++i) {
-        const Outputs outputs = poll();
+        const Output outputs = poll();
         EXPECT_EQ(outputs.out, "");
         EXPECT_EQ(outputs.err, failure("A libcurl function was given a bad argument"));
         EXPECT_EQ(last_timestamp, kStart);
@@ -119,7 +111,7 @@ class HistoryPoll : public IntakeFixture {
   protected:
     HistoryPoll() {
         https_port = std::to_string(server_.httpsPort());
-        opening_ = outputOf(openHistory);
+        opening_ = printedBy(openHistory);
         define(12, mailDefinition());
     }
     ~HistoryPoll() override { closeHistory(); }
@@ -142,7 +134,7 @@ class HistoryPoll : public IntakeFixture {
 
     // Polls and expects that to fail, for the given reason where one is given, and to print nothing.
     static void expectFailure(const std::string& why = {}) {
-        const Outputs outputs = poll();
+        const Output outputs = poll();
         EXPECT_EQ(outputs.out, "");
         EXPECT_EQ(outputs.err.find("curl_easy_perform() failed: "), 0U);
         EXPECT_EQ(outputs.err.find('\n'), outputs.err.size() - 1) << outputs.err;
@@ -177,7 +169,7 @@ TEST_F(HistoryPoll, OpeningTellsThatTheOptionsAreSet) {
 
 TEST_F(HistoryPoll, PostsTheRequestAndHandsTheAnswerToTheParser) {
     change(12, AlarmChange::kActivated, 500000);
-    const Outputs outputs = poll();
+    const Output outputs = poll();
     EXPECT_EQ(outputs.err, "");
     EXPECT_EQ(outputs.out.find("JSON : {\"d\":[{"), 0U);
     EXPECT_EQ(takeStates(fronta_mail), (States{{12, 1}}));
@@ -206,7 +198,7 @@ TEST_F(HistoryPoll, AllPollsUseOneConnection) {
 
 TEST_F(HistoryPoll, DoesNotAskAProxyOfTheEnvironment) {
     setenv("https_proxy", "http://127.0.0.1:1", 1);
-    const Outputs outputs = poll();
+    const Output outputs = poll();
     unsetenv("https_proxy");
     EXPECT_EQ(outputs.err, "");
     EXPECT_EQ(server_.pollCount(), 1U);
@@ -302,7 +294,7 @@ TEST_F(HistoryPoll, AnAnswerIsCutAtAZeroByte) {
 TEST_F(HistoryPoll, AnErrorPageIsNoJsonWhateverItsStatus) {
     for (const int status : {404, 500, 200}) {
         behave(Behaviour::kRaw, "<html></html>", status);
-        const Outputs outputs = poll();
+        const Output outputs = poll();
         EXPECT_EQ(outputs.out.find("JSON : <html></html>\nFailed to parse JSON\n"), 0U) << status;
         EXPECT_EQ(outputs.err, "");
         EXPECT_EQ(last_timestamp, kStart);
@@ -319,14 +311,14 @@ TEST_F(HistoryPoll, ARedirectionWithoutEndIsGivenUp) {
 TEST_F(HistoryPoll, AnAnswerOfTheBoundIsTaken) {
     const std::string answer = kEmptyAnswer + std::string(kMostBody - sizeof kEmptyAnswer + 1, ' ');
     behave(Behaviour::kRaw, answer);
-    const Outputs outputs = poll();
+    const Output outputs = poll();
     EXPECT_TRUE(outputs.out == "JSON : " + answer + "\n");
     EXPECT_EQ(outputs.err, "");
 }
 
 TEST_F(HistoryPoll, AnAnswerBeyondTheBoundIsGivenUpAndDropped) {
     behave(Behaviour::kRaw, std::string(kMostBody + 1, ' '));
-    const Outputs outputs = poll();
+    const Output outputs = poll();
     EXPECT_EQ(outputs.out, "");
     EXPECT_EQ(outputs.err, failure("Operation was aborted by an application callback") +
                                "history answer of more than 16777216 bytes dropped\n");

@@ -61,8 +61,8 @@ class Mail : public testing::Test {
 
     // What send_mail says on standard error.
     static std::string complaint() {
-        Output out(STDOUT_FILENO);
-        Output error(STDERR_FILENO);
+        CapturedOutput out(STDOUT_FILENO);
+        CapturedOutput error(STDERR_FILENO);
         EXPECT_NE(sendMail("a@x", std::string(1 << 20, 'b'), "").outcome, Outcome::kStopped);
         return error.text();
     }
@@ -72,8 +72,8 @@ class Mail : public testing::Test {
 
 TEST_F(Mail, WithoutMsmtpNothingIsPrintedAndNothingRuns) {
     use_msmtp = false;
-    Output out(STDOUT_FILENO);
-    Output error(STDERR_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
+    CapturedOutput error(STDERR_FILENO);
     send_mail("a@x", "body", "", "");
     EXPECT_EQ(out.text(), "");
     EXPECT_EQ(error.text(), "");
@@ -83,8 +83,8 @@ TEST_F(Mail, WithoutMsmtpNothingIsPrintedAndNothingRuns) {
 TEST_F(Mail, IsPrintedAsACommandLineAndArrivesOnTheClientsInputWithOneMoreNewline) {
     const std::string message =
         messageText("novak@x.example", "Online Alarming", nextBoundary(), "<html>text</html>");
-    Output out(STDOUT_FILENO);
-    Output error(STDERR_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
+    CapturedOutput error(STDERR_FILENO);
     send_mail("novak@x.example", "<html>text</html>", "\"Alarming-immediately\"", "");
     EXPECT_EQ(out.text(), printed(message));
     EXPECT_EQ(error.text(), "");
@@ -93,14 +93,14 @@ TEST_F(Mail, IsPrintedAsACommandLineAndArrivesOnTheClientsInputWithOneMoreNewlin
 }
 
 TEST_F(Mail, ClientIsToldItsSettingsItsAccountAndToReadTheRecipients) {
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     send_mail("a@x", "body", "", "");
     EXPECT_EQ(world.arguments(0), "-C\n" + msmtp_conf_file + "\n-a\nkorvato\n-t\n");
 }
 
 TEST_F(Mail, CommandLineEndsWithTheAccountBehindTheClosingDelimiter) {
     const std::string boundary = nextBoundary();
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     send_mail("a@x", "body", "", "");
     const std::string text = out.text();
     const std::string end =
@@ -111,7 +111,7 @@ TEST_F(Mail, CommandLineEndsWithTheAccountBehindTheClosingDelimiter) {
 
 TEST_F(Mail, SubjectIsFixed) {
     const std::string message = messageText("a@x", "Online Alarming", nextBoundary(), "body");
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     send_mail("a@x", "body", "third", "Another subject");
     EXPECT_EQ(world.mail(0), message + "\n");
 }
@@ -119,14 +119,14 @@ TEST_F(Mail, SubjectIsFixed) {
 TEST_F(Mail, SubjectOfTheTestMailIsTheCallers) {
     test_send = true;
     const std::string message = messageText("a@x", "Another subject", nextBoundary(), "body");
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     send_mail("a@x", "body", "third", "Another subject");
     EXPECT_EQ(world.mail(0), message + "\n");
 }
 
 TEST_F(Mail, GoesToACommaSeparatedListUnchanged) {
     const std::string message = messageText("a@x, b@y,c@z", "Online Alarming", nextBoundary(), "body");
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     send_mail("a@x, b@y,c@z", "body", "", "");
     EXPECT_EQ(world.mail(0), message + "\n");
 }
@@ -135,7 +135,7 @@ TEST_F(Mail, NoTextIsEverReadByAShell) {
     const std::string evil = "\"; touch '" + world.folder / "made" + "'; `touch '" + world.folder / "made" +
                              "'` $(touch '" + world.folder / "made" + "') \\n $HOME \\";
     const std::string message = messageText(evil, "Online Alarming", nextBoundary(), evil);
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     send_mail(evil.c_str(), evil, "", "");
     EXPECT_EQ(out.text(), printed(message));
     EXPECT_EQ(world.mail(0), message + "\n");
@@ -147,7 +147,7 @@ TEST_F(Mail, LineEndsInAddressesAndSubjectAddNoHeaderLine) {
     mail_from = "plant@korvato.example\r\n";
     const std::string message =
         messageText("a@xBcc: b@y-- <c@z>", "Testing.X-Other: 1", nextBoundary(), "line\r\nline\n");
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     send_mail("a@x\r\nBcc: b@y\n\n--\r <c@z>\n", "line\r\nline\n", "", "Testing.\r\nX-Other: 1");
     EXPECT_EQ(out.text(), printed(message));
     EXPECT_EQ(world.mail(0), message + "\n");
@@ -158,7 +158,7 @@ TEST_F(Mail, BodyOfAMegabyteArrivesWhole) {
     while (body.size() < (1 << 20))
         body += "<TR><TD>Tlak nad mez\xC3\xAD \xFF " + std::to_string(body.size()) + "\n";
     const std::string message = messageText("a@x", "Online Alarming", nextBoundary(), body);
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     send_mail("a@x", body, "", "");
     EXPECT_TRUE(world.mail(0) == message + "\n");
     EXPECT_TRUE(out.text() == printed(message));
@@ -200,8 +200,8 @@ TEST_F(Mail, ClientThatHangsAtAStopRequestIsTold) {
     world.client("exec sleep 600");
     client_stop_limit = 1;
     konec = true;
-    Output out(STDOUT_FILENO);
-    Output error(STDERR_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
+    CapturedOutput error(STDERR_FILENO);
     EXPECT_EQ(sendMail("a@x", "body", "").outcome, Outcome::kStopped);
     EXPECT_EQ(error.text(),
               "Mail client " + world.clientPath() + " took more than 1 s during the stop and was ended\n");
@@ -214,7 +214,7 @@ TEST_F(Mail, TestMailGoesToTheTestUser) {
     test_send = true;
     test_user = "admin@x.example";
     const std::string boundary = nextBoundary();
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     sendTestMail();
     ASSERT_EQ(world.mails(), 1);
     const std::string mail = world.mail(0);
@@ -368,7 +368,7 @@ class StyleTemplate : public testing::Test {
     }
 
     static std::string read() {
-        Output out(STDOUT_FILENO);
+        CapturedOutput out(STDOUT_FILENO);
         readCSSTemplate();
         return out.text();
     }

@@ -39,25 +39,11 @@ class MailThread : public testing::Test {
     void SetUp() override {
         setenv("TZ", "UTC0", 1);
         tzset();
-        clearProject();
         define(12, "Tlak", "Kotelna", "PT-201");
     }
     void TearDown() override {
-        clearProject();
-        fronta_mail.clear();
-        ALARM_TIMEOUT = 86400;
-        testing_email = 0;
-        disable_notification = false;
-        thr_lock = false;
-        color_mail = color_sms = color_off = "";
         unsetenv("TZ");
         tzset();
-    }
-
-    static void clearProject() {
-        MutexLock lock(project_mutex);
-        clearDefinitions();
-        for (_group& group : list_group) group = _group();
     }
 
     static void define(int id, const std::string& message, const std::string& area,
@@ -83,8 +69,8 @@ class MailThread : public testing::Test {
 
     // One pass. Returns what it printed.
     std::string pass() {
-        Output out(STDOUT_FILENO);
-        Output error(STDERR_FILENO);
+        CapturedOutput out(STDOUT_FILENO);
+        CapturedOutput error(STDERR_FILENO);
         zpracuj_maily_by_users();
         errors = error.text();
         return out.text();
@@ -454,7 +440,7 @@ TEST_F(MailThread, QueueAndProjectMayChangeDuringAPass) {
             addUser(9, "late@x", "en", {});
         }
     };
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     std::thread producer(produce);
     for (int i = 0; i < 50; ++i) zpracuj_maily_by_users();
     producer.join();
@@ -474,7 +460,7 @@ void waitUntil(const std::function<bool()>& condition) {
 
 TEST_F(MailThread, RunsAPassEveryThreeSecondsUntilTheStopRequest) {
     addUser(0, "a@x", "en");
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     MyThread worker;
     worker.NastavUkonceni(&konec);
     EXPECT_EQ(worker.Start(0), 0);
@@ -491,7 +477,7 @@ TEST_F(MailThread, RunsAPassEveryThreeSecondsUntilTheStopRequest) {
 TEST_F(MailThread, StartsNoPassWhileTheQueuesAreInUse) {
     fronta_mail.push(alarmAt(12, 1, 1));
     thr_lock = true;
-    Output out(STDOUT_FILENO);
+    CapturedOutput out(STDOUT_FILENO);
     MyThread worker;
     EXPECT_EQ(worker.Start(0), 0);
     waitUntil([] { return vlakno_mail == 1; });

@@ -72,12 +72,12 @@ std::vector<std::string> fixturePaths() {
 class ModemReplies : public testing::Test {
   protected:
     void SetUp() override {
-        resetSmsState();
+        resetDaemonState();
         ASSERT_TRUE(connectModem(line_.device()));
     }
     void TearDown() override {
         disconnectModem();
-        resetSmsState();
+        resetDaemonState();
     }
 
     static void feed(const std::string& bytes) {

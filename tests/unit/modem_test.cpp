@@ -10,9 +10,9 @@ namespace {
 
 class ModemTest : public testing::Test {
   protected:
-    void SetUp() override { resetSmsState(); }
+    void SetUp() override { resetDaemonState(); }
 
-    void TearDown() override { resetSmsState(); }
+    void TearDown() override { resetDaemonState(); }
 
     // What the reading thread would do with these bytes.
     static void feed(const std::string& bytes) {

@@ -27,7 +27,7 @@ class NotificationQueues : public IntakeFixture {
     static std::string save(int id, int stat) {
         alarm_tag.id = id;
         alarm_tag.stat = stat;
-        return outputOf([&] { uloz_alarm(stat); });
+        return printedBy([&] { uloz_alarm(stat); });
     }
 
     static void addWaiting(int id, int64_t notified, int resends = 0) {
@@ -47,7 +47,7 @@ class NotificationQueues : public IntakeFixture {
     }
 
     static std::string walk(int64_t now) {
-        return outputOf([now] { checkResend(now); });
+        return printedBy([now] { checkResend(now); });
     }
 
     static std::string table(const std::string& size, const std::string& rows) {
@@ -158,7 +158,7 @@ TEST_F(NotificationQueues, TheSecondFormAppendsItsLinesToTheLogInsteadOfPrinting
     define(12, mailDefinition());
     alarm_tag.id = 12;
     std::string log = "before\n";
-    EXPECT_EQ(outputOf([&] { uloz_alarm(1, log); }), "");
+    EXPECT_EQ(printedBy([&] { uloz_alarm(1, log); }), "");
     EXPECT_EQ(log, std::string("before\n") + kCheck + "::-> Saving MAIL into fronta_mail\n");
 }
 
@@ -227,7 +227,7 @@ TEST_F(NotificationQueues, AnActivationAlreadyWaitingIsNotAddedTwice) {
     resend_enable = true;
     addWaiting(4, 100);
     alarm_tag.id = 4;
-    EXPECT_EQ(outputOf([] { uloz_alarm_wait_ack(4, 1); }), kWait);
+    EXPECT_EQ(printedBy([] { uloz_alarm_wait_ack(4, 1); }), kWait);
     ASSERT_EQ(wait_for_ack.size(), 1U);
     EXPECT_EQ(wait_for_ack[0].last_notifiction, 100);
 }
@@ -238,11 +238,11 @@ TEST_F(NotificationQueues, TheLastEntryOfAnAlarmIsTheOneRemoved) {
     addWaiting(5, 101);
     addWaiting(4, 102);
     addWaiting(6, 103);
-    outputOf([] { uloz_alarm_wait_ack(4, 0); });
+    printedBy([] { uloz_alarm_wait_ack(4, 0); });
     EXPECT_EQ(waitingIds(), (std::vector<int>{4, 5, 6}));
-    outputOf([] { uloz_alarm_wait_ack(4, 2); });
+    printedBy([] { uloz_alarm_wait_ack(4, 2); });
     EXPECT_EQ(waitingIds(), (std::vector<int>{5, 6}));
-    outputOf([] { uloz_alarm_wait_ack(4, 2); });
+    printedBy([] { uloz_alarm_wait_ack(4, 2); });
     EXPECT_EQ(waitingIds(), (std::vector<int>{5, 6}));
 }
 
@@ -250,8 +250,8 @@ TEST_F(NotificationQueues, OtherStatesLeaveTheListAlone) {
     resend_enable = true;
     addWaiting(4, 100);
     for (const int stat : {8, 3, -1}) {
-        EXPECT_EQ(outputOf([stat] { uloz_alarm_wait_ack(4, stat); }), kWait);
-        EXPECT_EQ(outputOf([stat] { uloz_alarm_wait_ack(9, stat); }), kWait);
+        EXPECT_EQ(printedBy([stat] { uloz_alarm_wait_ack(4, stat); }), kWait);
+        EXPECT_EQ(printedBy([stat] { uloz_alarm_wait_ack(9, stat); }), kWait);
     }
     EXPECT_EQ(waitingIds(), std::vector<int>{4});
 }
@@ -284,7 +284,7 @@ TEST_F(NotificationQueues, WithoutResendNothingWaitsAndNothingIsDated) {
     alarm_tag.last_notifiction = 11;
     alarm_tag.notificaion_no = 3;
     EXPECT_EQ(save(4, 1), std::string(kCheck) + "::-> Saving SMS ACTIVATION into fronta_sms\n");
-    EXPECT_EQ(outputOf([] { uloz_alarm_wait_ack(4, 1); }), "");
+    EXPECT_EQ(printedBy([] { uloz_alarm_wait_ack(4, 1); }), "");
     EXPECT_TRUE(wait_for_ack.empty());
     EXPECT_EQ(alarm_tag.last_notifiction, 11);
     EXPECT_EQ(alarm_tag.notificaion_no, 3);
@@ -320,9 +320,9 @@ TEST_F(NotificationQueues, WithoutAnSmsThreadAtWorkAlarmsOfADayAreDroppedAndTold
     for (const _alarm_tag& alarm : old) fronta_sms.push(alarm);
     for (const _alarm_tag& alarm : {young[1], young[2]}) fronta_sms.push(alarm);
     fronta_mail.push(old[0]);
-    EXPECT_EQ(outputOf(dropStaleSms), toldAsStale(old[0].atm) + toldAsStale(old[1].dtm) +
-                                          toldAsStale(old[2].acktm) + toldAsStale(old[3].acktm));
-    EXPECT_EQ(outputOf(dropStaleSms), "");
+    EXPECT_EQ(printedBy(dropStaleSms), toldAsStale(old[0].atm) + toldAsStale(old[1].dtm) +
+                                           toldAsStale(old[2].acktm) + toldAsStale(old[3].acktm));
+    EXPECT_EQ(printedBy(dropStaleSms), "");
     EXPECT_EQ(takeStates(fronta_sms), (States{{5, 1}, {6, 0}, {7, 2}}));
     EXPECT_EQ(fronta_mail.size(), 1);
 }
@@ -330,7 +330,7 @@ TEST_F(NotificationQueues, WithoutAnSmsThreadAtWorkAlarmsOfADayAreDroppedAndTold
 TEST_F(NotificationQueues, WhileTheSmsThreadWorksItsDrainTellsAndDropsThem) {
     fronta_sms.push(happened(1, kActivated, 100000));
     vlakno_sms = 1;
-    EXPECT_EQ(outputOf(dropStaleSms), "");
+    EXPECT_EQ(printedBy(dropStaleSms), "");
     vlakno_sms = 0;
     EXPECT_EQ(fronta_sms.size(), 1);
 }

@@ -66,11 +66,7 @@ std::string reply(const std::string& header, const std::string& text) {
 
 class SmsReceptionTest : public testing::Test {
   protected:
-    void SetUp() override {
-        resetSmsState();
-        MutexLock lock(last_sms_mutex);
-        last_sms = _last_sms();
-    }
+    void SetUp() override { resetDaemonState(); }
     void TearDown() override {
         disconnectModem();
         tcps.Disconnect();

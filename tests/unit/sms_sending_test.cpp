@@ -47,11 +47,7 @@ _alarm_tag alarmNow(int id, int stat) {
 
 class SmsSendingTest : public testing::Test {
   protected:
-    void SetUp() override {
-        resetSmsState();
-        MutexLock lock(project_mutex);
-        clearDefinitions();
-    }
+    void SetUp() override { resetDaemonState(); }
     void TearDown() override {
         disconnectModem();
         SetUp();

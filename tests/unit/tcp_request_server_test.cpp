@@ -48,7 +48,7 @@ std::string ask(const Client& client, std::string_view request, std::string_view
 class TcpRequestServerTest : public testing::Test {
   protected:
     TcpRequestServerTest() {
-        reset();
+        resetDaemonState();
         signal(SIGPIPE, SIG_IGN);
         modemInit = true;
         testing::internal::CaptureStdout();
@@ -58,14 +58,7 @@ class TcpRequestServerTest : public testing::Test {
     }
     ~TcpRequestServerTest() override {
         stop();
-        reset();
-    }
-
-    static void reset() {
-        modemInit = false;
-        fronta_sms_raw.clear();
-        MutexLock lock(last_sms_mutex);
-        last_sms = _last_sms();
+        resetDaemonState();
     }
 
     int port() const { return server_.ListeningPort(); }

@@ -152,7 +152,7 @@ TEST_F(TextsTest, TheTextsAreThoseOfAPlainWalkOverAllRecords) {
     };
     const std::string languages[] = {"cs", "en", "de"};
     for (int round = 0; round < 300; ++round) {
-        reset();
+        resetDaemonState();
         std::map<int, _alarm_def> all;
         for (int entry = 0; entry < 12; ++entry) {
             _alarm_def definition = make(upTo(2), upTo(1) == 0 ? "" : "D" + std::to_string(entry));
