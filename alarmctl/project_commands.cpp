@@ -109,11 +109,9 @@ std::string loadProject() {
     Findings findings;
     loadConfiguration();
     if (!mainFileIsReadable(findings)) return conf_file + ": " + findings.sorted().front().text;
-    const LoaderOutcome outcome = LoaderRun().outcome();
-    if (!outcome.survived)
-        return "the daemon would not start: " + (outcome.complaints.empty() ? "" : outcome.complaints.back());
-    loadAll();
-    return "";
+    const std::vector<Complaint> complaints = loadAll();
+    const Complaint* end = lastWords(complaints);
+    return end == nullptr ? "" : "the daemon would not start: alarmd: " + describe(*end);
 }
 
 int writeHtml(const std::string& path, const std::string& html) {

@@ -81,8 +81,8 @@ bool storeLine(const std::string& line, std::map<std::string, std::string>& map)
 // Stores the lines of a key/value file, which comes in blocks.
 class ParameterLines {
   public:
-    ParameterLines(const std::string& path, std::map<std::string, std::string>& map, const Complain& complain)
-        : path_(path), map_(map), complain_(complain) {}
+    ParameterLines(std::map<std::string, std::string>& map, const Complain& complain)
+        : map_(map), complain_(complain) {}
 
     // Stores the lines that end in the block and keeps the begun one. False at a line without a key.
     bool take(const char* block, size_t length) {
@@ -108,15 +108,13 @@ class ParameterLines {
         ++number_;
         const bool good = too_long_ || storeLine(line_, map_);
         if (too_long_) {
-            complain_(path_ + ", line " + std::to_string(number_) + ": longer than " +
-                      std::to_string(kLongestParameterLine) + " bytes, ignored");
+            complain_(number_, "longer than " + std::to_string(kLongestParameterLine) + " bytes, ignored");
         }
         line_.clear();
         too_long_ = false;
         return good;
     }
 
-    const std::string& path_;
     std::map<std::string, std::string>& map_;
     const Complain& complain_;
     std::string line_;
@@ -163,22 +161,24 @@ bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map
     long length = file.get() < 0 ? -1 : readSome(file.get(), block.get(), kReadBlock, reason);
     if (length < 0) {
         PrintLine("Nelze otevrit konfiguracni soubor");
-        complain(path + ": " + reason);
+        complain(0, reason);
         return false;
     }
-    ParameterLines lines(path, map, complain);
+    ParameterLines lines(map, complain);
     for (; length > 0; length = readSome(file.get(), block.get(), kReadBlock, reason)) {
         if (!lines.take(block.get(), static_cast<size_t>(length))) {
             Print("Chybny konfiguracni soubor");
             return false;
         }
     }
-    if (length < 0) complain(path + ": " + reason);
+    if (length < 0) complain(0, reason);
     return true;
 }
 
 bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map) {
-    return ParamNacti(path, map, [](const std::string& complaint) { PrintErrorLine(complaint); });
+    return ParamNacti(path, map, [&](size_t line, const std::string& reason) {
+        PrintErrorLine(path, line > 0 ? ", line " + std::to_string(line) : "", ": ", reason);
+    });
 }
 
 std::vector<std::string> txt2vector(const char* text, const char* delimiters) {

@@ -42,9 +42,9 @@ void TiskTed2(char* buffer, int size);
 // a socket), prints "Nelze otevrit konfiguracni soubor", complains with the reason and returns false; map
 // stays as it was. A file that can be read no further ends there, which is complained of.
 //
-// complain hears of each of these: "PATH: REASON" or "PATH, line 7: REASON". Without it, that is a line on
-// standard error.
-using Complain = std::function<void(const std::string& complaint)>;
+// complain hears of each of these: the number of the line, counted from 1, or 0 for the file as a whole, and
+// the reason. Without it, "PATH, line 7: REASON" or "PATH: REASON" is a line on standard error.
+using Complain = std::function<void(size_t line, const std::string& reason)>;
 constexpr size_t kLongestParameterLine = size_t{1} << 20;
 bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map, const Complain& complain);
 bool ParamNacti(const std::string& path, std::map<std::string, std::string>& map);

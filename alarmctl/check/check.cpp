@@ -4,14 +4,10 @@
 #include "alarmctl/check/check_loaders.h"
 #include "alarmctl/check/check_project.h"
 #include "alarmctl/check/check_settings.h"
-#include "alarmd/alarmd.h"
-#include "alarmd/settings/modem_settings.h"
 
 namespace {
 
-void checkFiles(CheckReport& report, AlarmPlaces& places) {
-    const Silence silence;
-    Findings& findings = report.findings;
+void checkFiles(Findings& findings, AlarmPlaces& places) {
     checkPresence(findings);
     checkGroups(findings);
     checkDefinitions(findings, places);
@@ -19,14 +15,13 @@ void checkFiles(CheckReport& report, AlarmPlaces& places) {
     checkUsers(findings);
 }
 
-// What the daemon itself says of the files. Only then can they be loaded into this process.
-void takeOutcome(const LoaderOutcome& outcome, CheckReport& report) {
-    report.starts = outcome.survived;
-    for (size_t i = 0; i < outcome.complaints.size(); ++i) {
-        const bool last_words = !outcome.survived && i + 1 == outcome.complaints.size();
-        const Finding finding = findingFrom(outcome.complaints[i], last_words);
-        // What cannot be opened is told with its consequence by the check of the file.
-        if (finding.code != "unreadable") report.findings.add(finding);
+// What the daemon itself says of the files.
+void takeComplaints(const std::vector<Complaint>& complaints, Findings& findings) {
+    for (const Complaint& complaint : complaints) {
+        // These are told with their consequence by the check of the file.
+        const bool told =
+            complaint.code == ComplaintCode::kUnreadable || complaint.code == ComplaintCode::kNotJson;
+        if (!told) findings.add(findingFrom(complaint));
     }
 }
 
@@ -36,16 +31,16 @@ CheckReport checkAll(bool machine) {
     CheckReport report;
     loadConfiguration();
     if (!checkConfiguration(report.findings)) return report;
-    LoaderRun loaders;
     AlarmPlaces places;
-    checkFiles(report, places);
-    takeOutcome(loaders.outcome(), report);
+    // What the readers that are shared with the loaders complain of, the loaders will.
+    complaintsOf([&] { checkFiles(report.findings, places); });
+    const std::vector<Complaint> complaints = loadAll();
+    takeComplaints(complaints, report.findings);
+    report.starts = lastWords(complaints) == nullptr;
     if (report.starts) {
-        loadAll();
         report.loaded = checkNotifications(places, report.findings);
     } else {
-        const Silence silence;
-        readSMSset();
+        loadModemSettings();
     }
     checkModemSettings(report.findings);
     if (machine) checkMachine(report.findings);

@@ -8,23 +8,20 @@
 #include "alarmctl/text/sms_length.h"
 #include "alarmd/base/files.h"
 #include "alarmd/base/json.h"
-#include "alarmd/project/csv_file.h"
 #include "knihovny/regular_file.h"
 
 namespace {
 
-// The first "* Line 3, Column 5" of the parser's messages and the reason in the line behind it.
+// The place of the first of the parser's messages and the reason in the line behind it.
 struct ParseFault {
     size_t line = 0;
     std::string reason;
 };
 
 ParseFault faultIn(const std::string& messages) {
-    constexpr std::string_view kLine = "* Line ";
-    ParseFault fault;
+    ParseFault fault{faultLine(messages), ""};
     size_t begin = 0;
-    if (messages.compare(0, kLine.size(), kLine) == 0) {
-        fault.line = static_cast<size_t>(leadingNumber(std::string_view(messages).substr(kLine.size())));
+    if (fault.line > 0) {
         begin = std::min(messages.find('\n'), messages.size() - 1) + 1;
     }
     begin = std::min(messages.find_first_not_of("* \n", begin), messages.size());

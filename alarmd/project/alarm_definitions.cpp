@@ -115,7 +115,7 @@ void loadRows() {
 struct LoadedDefinition {
     _alarm_def record;
     std::bitset<kGroups> groups;
-    std::string remark;  // what was ignored, if anything
+    Remark remark;  // what was ignored, if anything
 };
 
 void take(const Json::Value& value, std::string_view key, int& target) {
@@ -142,14 +142,15 @@ void take(const Json::Value& value, std::string_view key, std::vector<_translate
 void takeGroups(const Json::Value& value, LoadedDefinition& definition) {
     if (value.isNull()) return;
     if (!value.isArray()) {
-        definition.remark = "\"group\" is ignored: not an array";
+        definition.remark = {ComplaintCode::kWrongType, "\"group\" is ignored: not an array"};
         return;
     }
     int group = 0;
     for (const Json::Value& flag : value) {
         const bool member = flagFrom(flag, "group");
         if (member && isGroup(group)) definition.groups.set(static_cast<size_t>(group));
-        if (member && !isGroup(group) && definition.remark.empty()) definition.remark = noSuchGroup(group);
+        if (member && !isGroup(group) && definition.remark.text.empty())
+            definition.remark = {ComplaintCode::kGroupNumber, noSuchGroup(group)};
         ++group;
     }
 }
@@ -195,7 +196,7 @@ LoadedDefinition definitionFrom(const JsonElement& element) {
 // Fills the batch and leaves the last object in the working record.
 void convertDefinitions(const Json::Value& root, Batch& batch) {
     int last = 0;
-    convertElements(cas_list_json, root, [&](const JsonElement& element, std::string& remark) {
+    convertElements(cas_list_json, root, [&](const JsonElement& element, Remark& remark) {
         LoadedDefinition definition = definitionFrom(element);
         remark = std::move(definition.remark);
         last = definition.record.id;

@@ -7,7 +7,6 @@
 #include <limits>
 #include <utility>
 
-#include "knihovny/debugerror.h"
 #include "knihovny/regular_file.h"
 
 namespace {
@@ -29,7 +28,7 @@ CsvFile::CsvFile(std::string path) : path_(std::move(path)), buffer_(kBuffer) {
     columns_.reserve(kMaxColumns);
     std::string reason;
     descriptor_ = openRegularFile(path_, reason);
-    if (descriptor_ < 0) PrintErrorLine("alarmd: ", path_, ": ", reason);
+    if (descriptor_ < 0) complain({ComplaintCode::kUnreadable, path_, reason});
 }
 
 CsvFile::~CsvFile() {
@@ -46,13 +45,18 @@ bool CsvFile::next() {
             split();
             return true;
         }
-        PrintErrorLine("alarmd: ", where(), ": longer than ", kMaxLine, " bytes, ignored");
+        complainOfLine(ComplaintCode::kLineTooLong,
+                       "longer than " + std::to_string(kMaxLine) + " bytes, ignored");
     }
     return false;
 }
 
 std::string CsvFile::where() const {
     return path_ + ", line " + std::to_string(line_number_);
+}
+
+void CsvFile::complainOfLine(ComplaintCode code, std::string text) const {
+    complain({code, path_, std::move(text), line_number_});
 }
 
 // False when there was nothing left, not even an empty line.
@@ -82,7 +86,7 @@ bool CsvFile::fill() {
     const long count = readSome(descriptor_, buffer_.data(), buffer_.size(), reason);
     position_ = 0;
     end_ = static_cast<size_t>(std::max(count, 0L));
-    if (count < 0) PrintErrorLine("alarmd: ", path_, ": ", reason);
+    if (count < 0) complain({ComplaintCode::kUnreadable, path_, reason});
     if (count > 0) return true;
     close(descriptor_);
     descriptor_ = -1;

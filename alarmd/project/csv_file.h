@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "alarmd/base/complaint.h"
+
 // The text that means true in a CSV column; any other means false.
 constexpr std::string_view kYes = "YES";
 
@@ -15,7 +17,7 @@ constexpr std::string_view kYes = "YES";
 // A last line without a line feed counts. Columns are split as txt2vector does it: a run of ";" separates
 // once, so a column left empty is no column, and a zero byte ends the line's text.
 //
-// What hinders is told in one line on standard error: a file that cannot be opened or read ends like an empty
+// What hinders is complained of: a file that cannot be opened or read ends like an empty
 // one, and a line longer than kMaxLine is passed over.
 //
 // An object is for one thread.
@@ -50,6 +52,9 @@ class CsvFile {
 
     // "path, line 7", for messages.
     std::string where() const;
+
+    // Complains of the line.
+    void complainOfLine(ComplaintCode code, std::string text) const;
 
   private:
     bool readLine();

@@ -33,7 +33,7 @@ GroupEntries readCsvEntries() {
         if (file.size() < kGroupColumns) continue;
         const int number = leadingNumber(file[kNumber]);
         if (!isGroup(number)) {
-            PrintErrorLine("alarmd: ", file.where(), ": ", noSuchGroup(number));
+            file.complainOfLine(ComplaintCode::kGroupNumber, noSuchGroup(number));
             continue;
         }
         entries[number] = {std::string(file[kName]), leadingNumber(file[kMaxSeverity]),
@@ -44,14 +44,14 @@ GroupEntries readCsvEntries() {
 
 GroupEntries jsonEntries(const Json::Value& root) {
     GroupEntries entries;
-    convertElements(group_list_json, root, [&](const JsonElement& element, std::string& remark) {
+    convertElements(group_list_json, root, [&](const JsonElement& element, Remark& remark) {
         const int number = element.number("groupNo");
         GroupEntry entry{element.text("name"), element.number("reportingMaxSeverity"),
                          element.flag("reporting")};
         if (isGroup(number)) {
             entries[number] = std::move(entry);
         } else {
-            remark = noSuchGroup(number);
+            remark = {ComplaintCode::kGroupNumber, noSuchGroup(number)};
         }
     });
     return entries;

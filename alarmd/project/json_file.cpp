@@ -1,10 +1,11 @@
 #include "alarmd/project/json_file.h"
 
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "alarmd/base/files.h"
 #include "alarmd/base/json.h"
-#include "knihovny/debugerror.h"
 
 namespace {
 
@@ -42,27 +43,29 @@ bool readJsonArray(const std::string& path, std::string_view name, Json::Value& 
     std::string errors;
     readWholeFile(path, text);
     if (!parseJson(text, root, errors)) {
-        Print("Failed to JSON parse " + std::string(name) + "\n" + errors + "\n");
+        complain({ComplaintCode::kNotJson, path, "Failed to JSON parse " + std::string(name) + "\n" + errors,
+                  faultLine(errors)});
         return false;
     }
     if (root.isArray()) return true;
-    PrintErrorLine("alarmd: ", path, ": the document is not an array, nothing is taken from it");
+    complain({ComplaintCode::kWrongShape, path, "the document is not an array, nothing is taken from it"});
     return false;
 }
 
 void convertElements(const std::string& path, const Json::Value& root,
-                     const std::function<void(const JsonElement& element, std::string& remark)>& convert) {
-    std::string complaints;
+                     const std::function<void(const JsonElement& element, Remark& remark)>& convert) {
+    std::vector<Complaint> complaints;
     size_t number = 0;
     for (const Json::Value& value : root) {
         ++number;
-        std::string remark;
+        Remark remark;
         try {
             convert(JsonElement(value), remark);
         } catch (const std::runtime_error& error) {
-            remark = std::string(error.what()) + " (element left out)";
+            remark = {ComplaintCode::kElementDropped, std::string(error.what()) + " (element left out)"};
         }
-        if (!remark.empty()) AppendLine(complaints, "alarmd: ", path, ", element ", number, ": ", remark);
+        if (!remark.text.empty())
+            complaints.push_back({remark.code, path, std::move(remark.text), 0, number});
     }
-    PrintError(complaints);
+    complainOfAll(std::move(complaints));
 }

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "alarmd/base/complaint.h"
+
 // A value as a number, a text or a flag. Null gives 0, an empty text or false; other types are converted as
 // far as the JSON library converts them. Throw std::runtime_error, its text naming the key, for a value that
 // cannot be converted and for an integer out of range.
@@ -33,13 +35,18 @@ class JsonElement {
     const Json::Value& value_;
 };
 
-// Reads the array in path into root. When that fails, tells of it and returns false: text that is no JSON on
-// standard output ("Failed to JSON parse " and name, then the parser's messages), a document that is no array
-// on standard error.
+// Reads the array in path into root. When that fails, complains and returns false: of text that is no JSON
+// ("Failed to JSON parse " and name, then the parser's messages), of a document that is no array.
 bool readJsonArray(const std::string& path, std::string_view name, Json::Value& root);
 
-// Calls convert for each element of root in order. An element that convert throws
-// for is left out, which is told in one line on standard error (file, number of the element counted from 1,
-// reason); so is a remark that convert left.
+// What is said of an element that is taken, or passed over; nothing without a text.
+struct Remark {
+    ComplaintCode code{};
+    std::string text;
+};
+
+// Calls convert for each element of root in order. An element that convert throws std::runtime_error for is
+// left out, which is complained of; so is a remark that convert left. All complaints come behind the last
+// element.
 void convertElements(const std::string& path, const Json::Value& root,
-                     const std::function<void(const JsonElement& element, std::string& remark)>& convert);
+                     const std::function<void(const JsonElement& element, Remark& remark)>& convert);

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/base/fatal.h"
+#include "alarmd/base/complaint.h"
 #include "alarmd/base/files.h"
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/group_number.h"
@@ -59,11 +59,12 @@ void store(Batch& batch) {
 void addRow(const CsvFile& file, Batch& batch) {
     constexpr std::string_view kNobody = " ";
     const int group = leadingNumber(file[kGroup]);
-    if (!isGroup(group)) PrintErrorLine("alarmd: ", file.where(), ": ", noSuchGroup(group));
+    if (!isGroup(group)) file.complainOfLine(ComplaintCode::kGroupNumber, noSuchGroup(group));
     if (isGroup(group) && file[kMail] != kNobody) batch.mail[group].emplace_back(file[kMail]);
     if (file.size() < kUserColumns) {
         store(batch);
-        fatal(file.where() + ": 4 columns, the 5th one (phone number) is missing");
+        complainAndEnd({ComplaintCode::kFourColumns, acc_list,
+                        "4 columns, the 5th one (phone number) is missing", file.lineNumber()});
     }
     if (isGroup(group) && file[kMobil] != kNobody) batch.mobil[group].emplace_back(file[kMobil]);
 }
@@ -92,10 +93,10 @@ _user userFrom(const JsonElement& element) {
     return entry;
 }
 
-void addUser(_user entry, Batch& batch, std::string& remark) {
+void addUser(_user entry, Batch& batch, Remark& remark) {
     if (entry.mobil.empty() && entry.mail.empty()) return;
     if (!isGroup(entry.group)) {
-        remark = noSuchGroup(entry.group);
+        remark = {ComplaintCode::kGroupNumber, noSuchGroup(entry.group)};
         return;
     }
     if (!entry.mobil.empty()) batch.mobil[entry.group].push_back(entry.mobil);
@@ -116,7 +117,7 @@ void loadElements() {
     Json::Value root;
     if (!readJsonArray(acc_list_json, "users.json", root)) return;
     Batch batch;
-    convertElements(acc_list_json, root, [&](const JsonElement& element, std::string& remark) {
+    convertElements(acc_list_json, root, [&](const JsonElement& element, Remark& remark) {
         addUser(userFrom(element), batch, remark);
     });
     if (!batch.users.empty()) leaveWorkingRecord(batch.users.back());

@@ -3,7 +3,7 @@
 #include <map>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/base/fatal.h"
+#include "alarmd/base/complaint.h"
 #include "alarmd/base/files.h"
 #include "alarmd/base/json.h"
 #include "alarmd/project/alarm_definitions.h"
@@ -20,7 +20,9 @@ using KeyValues = std::map<std::string, std::string>;
 // Adds what the file says to the values.
 KeyValues readKeyValues(const std::string& path, KeyValues values = {}) {
     values["config"] = path;
-    ParamNacti(path, values, [](const std::string& complaint) { PrintErrorLine("alarmd: ", complaint); });
+    ParamNacti(path, values, [&](size_t line, const std::string& reason) {
+        complain({line > 0 ? ComplaintCode::kLineTooLong : ComplaintCode::kUnreadable, path, reason, line});
+    });
     return values;
 }
 
@@ -86,6 +88,10 @@ std::string oneLine(const std::string& messages) {
     return line;
 }
 
+[[noreturn]] void endAtProjectFile(const std::string& reason, size_t line = 0) {
+    complainAndEnd({ComplaintCode::kMalformedSetting, project_file_json, reason, line});
+}
+
 // The document in project_file_json; ends the process when there is none.
 Json::Value parseProjectFile() {
     std::string text;
@@ -93,8 +99,10 @@ Json::Value parseProjectFile() {
     Json::Value root;
     const bool read = readWholeFile(project_file_json, text);
     if (!parseJson(text, root, errors)) {
-        Print("Failed to JSON parse setting.json\n" + errors + "\n");
-        fatal(project_file_json + ": " + (read ? oneLine(errors) : "cannot be read"));
+        const size_t line = read ? faultLine(errors) : 0;
+        complain({ComplaintCode::kNotJson, project_file_json, "Failed to JSON parse setting.json\n" + errors,
+                  line});
+        endAtProjectFile(read ? oneLine(errors) : "cannot be read", line);
     }
     return root;
 }
@@ -128,10 +136,10 @@ void loadProjectFiles(bool print_definitions) {
 std::string readProjectIdJson() {
     PrintLine("Nacitam setting.json");
     const Json::Value root = parseProjectFile();
-    if (!root.isObject() && !root.isNull()) fatal(project_file_json + ": the document is not an object");
+    if (!root.isObject() && !root.isNull()) endAtProjectFile("the document is not an object");
     const Json::Value& member = root["projectID"];
     if (!member.isConvertibleTo(Json::stringValue))
-        fatal(project_file_json + ": \"projectID\" is no text and no number");
+        endAtProjectFile("\"projectID\" is no text and no number");
     std::string id = member.asString();
     PrintLine("Project ID: ", id);
     return id;

@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "alarmd/alarmd.h"
+#include "alarmd/base/complaint.h"
 #include "alarmd/base/files.h"
 #include "alarmd/base/json.h"
 #include "knihovny/debugerror.h"
@@ -64,8 +65,8 @@ const Key kKeys[] = {
     {"tcp_timeout", &ModemSettings::request_timeout},
 };
 
-void complain(const char* name, const char* reason) {
-    PrintErrorLine("alarmd: ", system_setting, ": \"", name, "\" is ignored: ", reason);
+void complainOfMember(ComplaintCode code, const std::string& name, const std::string& reason) {
+    complain({code, system_setting, "\"" + name + "\" is ignored: " + reason});
 }
 
 void convert(const Json::Value& value, std::string& target) {
@@ -83,7 +84,7 @@ void takeKey(const Key& key, const Json::Value& value, ModemSettings& settings) 
     try {
         std::visit([&](auto member) { convert(value, settings.*member); }, key.member);
     } catch (const Json::Exception& error) {
-        complain(key.name, error.what());
+        complainOfMember(ComplaintCode::kWrongType, key.name, error.what());
     }
 }
 
@@ -91,20 +92,20 @@ void takeKey(const Key& key, const Json::Value& value, ModemSettings& settings) 
 Json::Value objectIn(const Json::Value& parent, const char* name) {
     const Json::Value& member = parent[name];
     if (member.isObject() || member.isNull()) return member;
-    complain(name, "not an object");
+    complainOfMember(ComplaintCode::kWrongShape, name, "not an object");
     return Json::Value();
 }
 
 void keepInRange(const char* name, int most, int otherwise, int& value) {
     if (value >= 0 && value <= most) return;
-    complain(name, "out of range");
+    complainOfMember(ComplaintCode::kOutOfRange, name, "out of range");
     value = otherwise;
 }
 
 void takeAll(const Json::Value& root, ModemSettings& settings) {
     if (!root.isObject() && !root.isNull()) {
-        PrintErrorLine("alarmd: ", system_setting,
-                       ": the document is not an object, nothing is taken from it");
+        complain({ComplaintCode::kWrongShape, system_setting,
+                  "the document is not an object, nothing is taken from it"});
         return;
     }
     const Json::Value modem = objectIn(objectIn(root, "network"), "modem");
@@ -173,7 +174,8 @@ void readSMSset() {
     if (parseJson(text, root, errors)) {
         takeAll(root, settings);
     } else {
-        Print("Failed to parse settings.json\n" + errors + "\n");
+        complain({ComplaintCode::kNotJson, system_setting, "Failed to parse settings.json\n" + errors,
+                  faultLine(errors)});
     }
     publish(settings);
     printSummary(settings);

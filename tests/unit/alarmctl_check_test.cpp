@@ -178,24 +178,24 @@ TEST_F(CheckTest, TheLoadersComplaintsBecomeFindings) {
     acc_list = "/p, element 9: x/list.acc";
     acc_list_json = "/p, element 9: x/users.json";
     const Finding line =
-        findingFrom("alarmd: " + acc_list + ", line 7: group 12 is not within 0 to 11, ignored", false);
+        findingFrom({ComplaintCode::kGroupNumber, acc_list, "group 12 is not within 0 to 11, ignored", 7});
     EXPECT_EQ(line.place.file, acc_list);
     EXPECT_EQ(line.place.line, 7U);
     EXPECT_EQ(line.code, "group-number");
     EXPECT_EQ(line.severity, Severity::kWarning);
     EXPECT_EQ(line.text, "group 12 is not within 0 to 11, ignored");
-    const Finding element =
-        findingFrom("alarmd: " + acc_list_json + ", element 3: \"id\": no Int (element left out)", false);
+    const Finding element = findingFrom(
+        {ComplaintCode::kElementDropped, acc_list_json, "\"id\": no Int (element left out)", 0, 3});
     EXPECT_EQ(element.place.file, acc_list_json);
     EXPECT_EQ(element.place.element, 3U);
     EXPECT_EQ(element.code, "element-dropped");
     const Finding file =
-        findingFrom("alarmd: " + acc_list_json + ": the document is not an array, nothing is", false);
+        findingFrom({ComplaintCode::kWrongShape, acc_list_json, "the document is not an array, nothing is"});
     EXPECT_EQ(file.place.line + file.place.element, 0U);
     EXPECT_EQ(file.code, "wrong-shape");
     EXPECT_EQ(file.severity, Severity::kError);
     const Finding last =
-        findingFrom("alarmd: " + acc_list + ", line 2: 4 columns, the 5th one is missing", true);
+        findingFrom({ComplaintCode::kFourColumns, acc_list, "4 columns, the 5th one is missing", 2, 0, true});
     EXPECT_EQ(last.code, "four-columns");
     EXPECT_EQ(last.text, "4 columns, the 5th one is missing: the daemon ends");
 }

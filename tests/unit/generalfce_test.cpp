@@ -42,7 +42,9 @@ class ParamNactiTest : public testing::Test {
         write(text);
         Parameters map;
         CaptureStdout();
-        EXPECT_TRUE(ParamNacti(path_, map, [this](const std::string& line) { complaints_ += line + "\n"; }));
+        EXPECT_TRUE(ParamNacti(path_, map, [this](size_t line, const std::string& reason) {
+            complaints_ += path_ + ", line " + std::to_string(line) + ": " + reason + "\n";
+        }));
         EXPECT_EQ(GetCapturedStdout(), "");
         return map;
     }
@@ -196,7 +198,7 @@ TEST_F(ParamNactiTest, ALastLineWithoutLineFeedIsLostInSilenceAndWithoutMemoryWh
     rusage before{};
     getrusage(RUSAGE_SELF, &before);
     Parameters map;
-    EXPECT_TRUE(ParamNacti(path_, map, [](const std::string& text) { ADD_FAILURE() << text; }));
+    EXPECT_TRUE(ParamNacti(path_, map, [](size_t, const std::string& text) { ADD_FAILURE() << text; }));
     rusage after{};
     getrusage(RUSAGE_SELF, &after);
     EXPECT_EQ(map, (Parameters{{"a", "1"}}));

@@ -29,6 +29,15 @@ TEST(JsonReader, AFailureGivesTheParsersMessages) {
     EXPECT_EQ(errors, "* Line 1, Column 1\n  Syntax error: value, object or array expected.\n");
 }
 
+TEST(JsonReader, TheFirstFaultsLineIsInTheMessages) {
+    Json::Value root;
+    std::string errors;
+    EXPECT_FALSE(parseJson("[\n1,\n}, }]", root, errors));
+    EXPECT_EQ(faultLine(errors), 3U);
+    EXPECT_EQ(faultLine("* Exceeded stackLimit in readValue().\n"), 0U);
+    EXPECT_EQ(faultLine(""), 0U);
+}
+
 TEST(JsonReader, NestingTooDeepIsAFailure) {
     Json::Value root;
     std::string errors;
