@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr char kGpsPort[] = "/dev/ttyModem3";
-
 std::string reasonOf(int error) {
     return std::generic_category().message(error);
 }

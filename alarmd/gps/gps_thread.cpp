@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "alarmd/settings/modem_settings.h"
 #include "alarmd/sms/modem.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
@@ -11,7 +12,6 @@ MyGps gps;
 
 namespace {
 
-constexpr char kGpsPort[] = "/dev/ttyModem3";
 constexpr int kModemLooks = 30;  // one a second
 constexpr long kOpenNanoseconds = 500000000;
 constexpr long kOrderNanoseconds = 50000000;
