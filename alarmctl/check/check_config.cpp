@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <filesystem>
 #include <map>
@@ -15,12 +14,12 @@
 #include "alarmctl/check/check_json_text.h"
 #include "alarmd/alarmd.h"
 #include "alarmd/project/csv_file.h"
+#include "alarmd/settings/setting_table.h"
 #include "knihovny/generalfce.h"
 
 namespace {
 
 constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
-constexpr std::array<std::string_view, 4> kMainKeys = {"pFolder", "http_port", "https_port", "binFolder"};
 constexpr int kHighestPort = 65535;
 constexpr char kServiceUser[] = "korvato";
 constexpr char kServiceFolder[] = "/etc/korvato";
@@ -82,8 +81,7 @@ void checkForm(const std::string& path, const std::vector<Line>& lines, Findings
     for (const Line& line : lines) {
         if (line.key.empty()) {
             const std::string word = firstWord(line.text);
-            const bool known = std::find(kMainKeys.begin(), kMainKeys.end(), word) != kMainKeys.end();
-            if (known && line.text[0] == ' ')
+            if (isMainKey(word) && line.text[0] == ' ')
                 findings.warning({path, line.number}, "indented-key",
                                  "begins with a blank, so \"" + word + "\" is taken for a comment");
             continue;
@@ -116,8 +114,7 @@ void cutAtZero(const std::string& path, Findings& findings, std::vector<Line>& l
 
 void checkKnownKeys(const std::vector<Line>& lines, Findings& findings) {
     for (const Line& line : lines) {
-        if (line.key.empty() || !line.ended) continue;
-        if (std::find(kMainKeys.begin(), kMainKeys.end(), line.key) != kMainKeys.end()) continue;
+        if (line.key.empty() || !line.ended || isMainKey(line.key)) continue;
         const Place place{conf_file, line.number};
         if (std::string_view(line.key).substr(0, kByteOrderMark.size()) == kByteOrderMark) {
             findings.warning(place, "byte-order-mark",

@@ -7,11 +7,16 @@
 #include <cerrno>
 #include <string>
 #include <system_error>
+#include <type_traits>
+#include <utility>
+#include <variant>
+#include <vector>
 
 #include "alarmctl/check/check_json_text.h"
 #include "alarmd/alarmd.h"
 #include "alarmd/mail/mail_channel.h"
 #include "alarmd/settings/modem_settings.h"
+#include "alarmd/settings/setting_table.h"
 
 namespace {
 
@@ -19,27 +24,42 @@ std::string reasonOf(int error) {
     return std::generic_category().message(error);
 }
 
-// A setting whose values are few.
-struct Range {
-    const char* name;
-    const std::atomic<int>& value;
-    int least, most;
-    const char* meaning;
-};
-
-void checkRanges(Findings& findings) {
-    const Range ranges[] = {
-        {"parity", modem_parity, 1, 4, "1 none, 2 even, 3 odd"},
-        {"stopbit", modem_stopbit, 1, 2, "1 or 2"},
-        {"databit", modem_databit, 5, 8, "5 to 8"},
-        {"flow", modem_flow, 1, 2, "1 on, 2 off"},
-        {"xflow", modem_xflow, 1, 2, "1 on, 2 off"},
+int numberIn(const SettingTarget& target) {
+    int number = 0;
+    const auto take = [&](const auto* value) {
+        if constexpr (!std::is_same_v<decltype(value), const std::string*>) number = *value;
     };
-    for (const Range& range : ranges) {
-        if (range.value >= range.least && range.value <= range.most) continue;
-        findings.warning({system_setting}, "bad-value",
-                         "\"" + std::string(range.name) + "\" " + std::to_string(range.value) +
-                             " means nothing (" + range.meaning + "): the port keeps what it had");
+    std::visit(take, target);
+    return number;
+}
+
+void checkRange(const Setting& setting, const Range& range, Findings& findings) {
+    const int value = numberIn(setting.target);
+    if (value >= range.least && value <= range.most) return;
+    const std::string name = "\"" + std::string(setting.name) + "\" ";
+    const std::string below = name + "is below " + std::to_string(range.least) + ": " + range.remark;
+    switch (range.outside) {
+        case Outside::kDefault:
+            break;  // which the loader tells
+        case Outside::kPortKeeps:
+            findings.warning({system_setting}, "bad-value",
+                             name + std::to_string(value) + " means nothing (" + range.remark +
+                                 "): the port keeps what it had");
+            break;
+        case Outside::kTaken:
+            findings.warning({system_setting}, "bad-value", below);
+            break;
+        case Outside::kFunctionIsLost:
+            findings.error({system_setting}, "bad-value", below);
+            break;
+    }
+}
+
+// The settings of the port, or the others.
+void checkRanges(bool of_port, Findings& findings) {
+    for (const Setting& setting : modemSettings()) {
+        if (setting.range && (setting.range->outside == Outside::kPortKeeps) == of_port)
+            checkRange(setting, *setting.range, findings);
     }
 }
 
@@ -49,18 +69,6 @@ void checkSpeed(Findings& findings) {
     findings.warning({system_setting}, "bad-value",
                      "\"speed\" " + std::to_string(modem_speed) +
                          " is no speed of a serial line: the port keeps what it had or cannot be set up");
-}
-
-void checkLimits(Findings& findings) {
-    if (smspeermin < 0)
-        findings.error({system_setting}, "bad-value", "\"smspeermin\" is below 0: no SMS is ever sent");
-    for (const auto& [name, value] :
-         {std::pair<const char*, int>("resend_period1_timeout", resend_period1_timeout),
-          {"resend_period2_timeout", resend_period2_timeout}}) {
-        if (value < 0)
-            findings.warning({system_setting}, "bad-value",
-                             "\"" + std::string(name) + "\" is below 0: taken for no pause at all");
-    }
 }
 
 void checkTexts(Findings& findings) {
@@ -85,7 +93,9 @@ void checkMembers(const Json::Value& root, Findings& findings) {
         return;
     }
     if (!modem.isObject()) return;  // which the loader tells
-    UnreadKeys unread(modemSettingNames());
+    std::vector<std::string_view> names;
+    for (const Setting& setting : modemSettings()) names.emplace_back(setting.name);
+    UnreadKeys unread(std::move(names));
     unread.look(modem, {system_setting});
     unread.tell(findings);
 }
@@ -135,9 +145,9 @@ void checkModemSettings(Findings& findings) {
     if (parseForCheck(system_setting, there ? Severity::kError : Severity::kWarning,
                       "all settings have their defaults", findings, root))
         checkMembers(root, findings);
-    checkRanges(findings);
+    checkRanges(true, findings);
     checkSpeed(findings);
-    checkLimits(findings);
+    checkRanges(false, findings);
     checkTexts(findings);
 }
 

@@ -10,6 +10,7 @@
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/groups.h"
 #include "alarmd/project/users.h"
+#include "alarmd/settings/setting_table.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
@@ -24,6 +25,14 @@ KeyValues readKeyValues(const std::string& path, KeyValues values = {}) {
         complain({line > 0 ? ComplaintCode::kLineTooLong : ComplaintCode::kUnreadable, path, reason, line});
     });
     return values;
+}
+
+void takeKeys(KeyFile file, const KeyValues& values) {
+    for (const ConfigKey& key : configKeys()) {
+        if (key.file != file) continue;
+        const auto value = values.find(std::string(key.name));
+        *key.target = value == values.end() ? "" : value->second;
+    }
 }
 
 void deriveProjectPaths() {
@@ -111,15 +120,11 @@ Json::Value parseProjectFile() {
 
 void readConfigFiles() {
     PrintLine("Reading korvato.conf ");
-    KeyValues main_values = readKeyValues(conf_file);
-    pFolder = main_values["pFolder"];
-    http_port = main_values["http_port"];
-    https_port = main_values["https_port"];
-    binFolder = main_values["binFolder"];
+    takeKeys(KeyFile::kMain, readKeyValues(conf_file));
     deriveProjectPaths();
 
     PrintLine("Reading msmtp.conf ");
-    mail_from = readKeyValues(msmtp_conf_file)["from"];
+    takeKeys(KeyFile::kMailClient, readKeyValues(msmtp_conf_file));
 
     // No key is taken from this file, but it is told when it cannot be opened.
     PrintLine("Reading sms.conf ");

@@ -1,69 +1,29 @@
 #include "alarmd/settings/modem_settings.h"
 
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <variant>
+#include <vector>
 
 #include "alarmd/alarmd.h"
 #include "alarmd/base/complaint.h"
 #include "alarmd/base/files.h"
 #include "alarmd/base/json.h"
+#include "alarmd/settings/setting_table.h"
 #include "knihovny/debugerror.h"
 
 namespace {
 
-constexpr int kHighestPort = 65535;
-constexpr int kLongestTimeout = 86400;
+// By place in the table. Collected here and then handed to the other threads in one go, so that none sees the
+// defaults in between.
+using SettingValues = std::vector<SettingValue>;
 
-// Collected here and then handed to the other threads in one go, so that none sees the defaults in between.
-struct ModemSettings {
-    std::string port = "/dev/ttyModem2";
-    int speed = 115200;
-    int parity = 1;
-    int stopbit = 1;
-    int databit = 8;
-    int flow = 2;
-    int xflow = 2;
-    std::string pin_code;
-    bool use_pin = false;
-    std::string centre;
-    int per_minute = 10;
-    int resend = 0;
-    int period1_timeout = 300;
-    int period1_quantity = 5;
-    int period2_timeout = 3600;
-    int period2_quantity = 5;
-    bool gps = false;
-    int request_port = 0;
-    int request_timeout = 15;
-};
-
-struct Key {
-    const char* name;
-    std::variant<std::string ModemSettings::*, int ModemSettings::*, bool ModemSettings::*> member;
-};
-
-const Key kKeys[] = {
-    {"modemPort", &ModemSettings::port},
-    {"speed", &ModemSettings::speed},
-    {"parity", &ModemSettings::parity},
-    {"stopbit", &ModemSettings::stopbit},
-    {"databit", &ModemSettings::databit},
-    {"flow", &ModemSettings::flow},
-    {"xflow", &ModemSettings::xflow},
-    {"pin", &ModemSettings::pin_code},
-    {"usePin", &ModemSettings::use_pin},
-    {"smsc", &ModemSettings::centre},
-    {"smspeermin", &ModemSettings::per_minute},
-    {"resend_enable", &ModemSettings::resend},
-    {"resend_period1_timeout", &ModemSettings::period1_timeout},
-    {"resend_period1_quantity", &ModemSettings::period1_quantity},
-    {"resend_period2_timeout", &ModemSettings::period2_timeout},
-    {"resend_period2_quantity", &ModemSettings::period2_quantity},
-    {"gps_enable", &ModemSettings::gps},
-    {"tcp_port", &ModemSettings::request_port},
-    {"tcp_timeout", &ModemSettings::request_timeout},
-};
+SettingValues defaults() {
+    SettingValues values;
+    for (const Setting& setting : modemSettings()) values.push_back(setting.preset);
+    return values;
+}
 
 void complainOfMember(ComplaintCode code, const std::string& name, const std::string& reason) {
     complain({code, system_setting, "\"" + name + "\" is ignored: " + reason});
@@ -79,12 +39,12 @@ void convert(const Json::Value& value, bool& target) {
     target = value.asBool();
 }
 
-void takeKey(const Key& key, const Json::Value& value, ModemSettings& settings) {
-    if (value.isNull()) return;
+void takeMember(const Setting& setting, const Json::Value& member, SettingValue& value) {
+    if (member.isNull()) return;
     try {
-        std::visit([&](auto member) { convert(value, settings.*member); }, key.member);
+        std::visit([&](auto& target) { convert(member, target); }, value);
     } catch (const Json::Exception& error) {
-        complainOfMember(ComplaintCode::kWrongType, key.name, error.what());
+        complainOfMember(ComplaintCode::kWrongType, setting.name, error.what());
     }
 }
 
@@ -96,88 +56,73 @@ Json::Value objectIn(const Json::Value& parent, const char* name) {
     return Json::Value();
 }
 
-void keepInRange(const char* name, int most, int otherwise, int& value) {
-    if (value >= 0 && value <= most) return;
-    complainOfMember(ComplaintCode::kOutOfRange, name, "out of range");
-    value = otherwise;
+void keepInRange(const Setting& setting, SettingValue& value) {
+    if (!setting.range || setting.range->outside != Outside::kDefault) return;
+    const int number = std::get<int>(value);
+    if (number >= setting.range->least && number <= setting.range->most) return;
+    complainOfMember(ComplaintCode::kOutOfRange, setting.name, "out of range");
+    value = setting.preset;
 }
 
-void takeAll(const Json::Value& root, ModemSettings& settings) {
+void takeAll(const Json::Value& root, SettingValues& values) {
     if (!root.isObject() && !root.isNull()) {
         complain({ComplaintCode::kWrongShape, system_setting,
                   "the document is not an object, nothing is taken from it"});
         return;
     }
     const Json::Value modem = objectIn(objectIn(root, "network"), "modem");
-    for (const Key& key : kKeys) takeKey(key, modem[key.name], settings);
-    const ModemSettings defaults;
-    keepInRange("tcp_port", kHighestPort, defaults.request_port, settings.request_port);
-    keepInRange("tcp_timeout", kLongestTimeout, defaults.request_timeout, settings.request_timeout);
+    const std::vector<Setting>& settings = modemSettings();
+    for (size_t i = 0; i < settings.size(); ++i) takeMember(settings[i], modem[settings[i].name], values[i]);
+    for (size_t i = 0; i < settings.size(); ++i) keepInRange(settings[i], values[i]);
 }
 
-void publish(const ModemSettings& settings) {
-    {
-        MutexLock lock(settings_mutex);
-        modemPort = settings.port;
-        pin = settings.pin_code;
-        smsc = settings.centre;
+void publish(const SettingValues& values) {
+    const auto assign = [](auto* target, const auto& value) {
+        constexpr bool kText = std::is_same_v<decltype(value), const std::string&>;
+        if constexpr (std::is_same_v<decltype(target), std::string*> == kText) *target = value;
+    };
+    MutexLock lock(settings_mutex);
+    for (size_t i = 0; i < values.size(); ++i) std::visit(assign, modemSettings()[i].target, values[i]);
+}
+
+void printSummary(const SettingValues& values) {
+    std::vector<std::string> parts(values.size());
+    for (size_t i = 0; i < values.size(); ++i) {
+        const std::optional<SummaryPart>& summary = modemSettings()[i].summary;
+        if (!summary) continue;
+        std::string& part = parts[summary->place - 1];
+        part = summary->label;
+        std::visit([&](const auto& value) { AppendPart(part, value); }, values[i]);
     }
-    modem_speed = settings.speed;
-    modem_parity = settings.parity;
-    modem_stopbit = settings.stopbit;
-    modem_databit = settings.databit;
-    modem_flow = settings.flow;
-    modem_xflow = settings.xflow;
-    usePin = settings.use_pin;
-    smspeermin = settings.per_minute;
-    resend_enable = settings.resend != 0;
-    resend_period1_timeout = settings.period1_timeout;
-    resend_period1_quantity = settings.period1_quantity;
-    resend_period2_timeout = settings.period2_timeout;
-    resend_period2_quantity = settings.period2_quantity;
-    gps_enable = settings.gps;
-    tcp_port = settings.request_port;
-    tcp_timeout = settings.request_timeout;
-}
-
-void printSummary(const ModemSettings& settings) {
-    PrintLine("SMS Setting: SMS center = ", settings.centre, " ; SMS peer minut = ", settings.per_minute,
-              "; PORT = ", settings.port, "; PIN = ", settings.pin_code, "; Speed = ", settings.speed,
-              "; Parity = ", settings.parity, "; Stopbit = ", settings.stopbit,
-              "; Databit = ", settings.databit, "; Flow = ", settings.flow, "; SW Flow =", settings.xflow);
+    std::string line = "SMS Setting: ";
+    for (const std::string& part : parts) line += part;
+    PrintLine(line);
 }
 
 // What is off unless the settings switch it on.
-void printSwitchedOn(const ModemSettings& settings) {
-    if (settings.gps) PrintLine("GPS is switched on");
-    if (settings.request_port != 0) {
-        PrintLine("TCP requests are switched on: 127.0.0.1:", settings.request_port, ", timeout ",
-                  settings.request_timeout, " s");
+void printSwitchedOn() {
+    if (gps_enable) PrintLine("GPS is switched on");
+    if (tcp_port != 0) {
+        PrintLine("TCP requests are switched on: 127.0.0.1:", tcp_port, ", timeout ", tcp_timeout, " s");
     }
 }
 
 }  // namespace
 
-std::vector<std::string_view> modemSettingNames() {
-    std::vector<std::string_view> names;
-    for (const Key& key : kKeys) names.emplace_back(key.name);
-    return names;
-}
-
 void readSMSset() {
     PrintLine("Nacitam settings.json");
-    ModemSettings settings;
+    SettingValues values = defaults();
     std::string text;
     std::string errors;
     Json::Value root;
     readWholeFile(system_setting, text);
     if (parseJson(text, root, errors)) {
-        takeAll(root, settings);
+        takeAll(root, values);
     } else {
         complain({ComplaintCode::kNotJson, system_setting, "Failed to parse settings.json\n" + errors,
                   faultLine(errors)});
     }
-    publish(settings);
-    printSummary(settings);
-    printSwitchedOn(settings);
+    publish(values);
+    printSummary(values);
+    printSwitchedOn();
 }
