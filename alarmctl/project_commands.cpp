@@ -107,7 +107,6 @@ int fail(const std::string& reason) {
 // Loads the project; the reason why that does not work, else an empty text.
 std::string loadProject() {
     Findings findings;
-    loadConfiguration();
     if (!mainFileIsReadable(findings)) return conf_file + ": " + findings.sorted().front().text;
     const std::vector<Complaint> complaints = loadAll();
     const Complaint* end = lastWords(complaints);

@@ -85,8 +85,8 @@ void checkTexts(Findings& findings) {
 
 void checkMembers(const Json::Value& root, Findings& findings) {
     if (!root.isObject()) return;
-    const Json::Value& network = root["network"];
-    const Json::Value& modem = network.isObject() ? network["modem"] : Json::Value::nullSingleton();
+    const Json::Value& network = root[kNetwork];
+    const Json::Value& modem = network.isObject() ? network[kModem] : Json::Value::nullSingleton();
     if (modem.isNull()) {
         findings.note({system_setting}, "no-settings",
                       "has no \"network\" / \"modem\": all settings have their defaults");

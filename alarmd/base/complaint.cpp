@@ -38,12 +38,10 @@ std::string describe(const Complaint& complaint) {
 }
 
 void complain(Complaint complaint) {
-    if (collection != nullptr) {
-        collection->push_back(std::move(complaint));
-    } else if (complaint.code == ComplaintCode::kNotJson) {
+    if (collection == nullptr && complaint.code == ComplaintCode::kNotJson) {
         Print(complaint.text + "\n");
     } else {
-        PrintErrorLine("alarmd: ", describe(complaint));
+        complainOfAll({std::move(complaint)});
     }
 }
 

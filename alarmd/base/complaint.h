@@ -19,6 +19,12 @@ enum class ComplaintCode {
     kMalformedSetting,  // fatal: a project file without a project id that can be had
 };
 
+// A complaint before its place is known; nothing without a text.
+struct Remark {
+    ComplaintCode code{};
+    std::string text;
+};
+
 struct Complaint {
     ComplaintCode code;
     std::string file;

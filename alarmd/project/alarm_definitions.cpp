@@ -150,7 +150,7 @@ void takeGroups(const Json::Value& value, LoadedDefinition& definition) {
         const bool member = flagFrom(flag, "group");
         if (member && isGroup(group)) definition.groups.set(static_cast<size_t>(group));
         if (member && !isGroup(group) && definition.remark.text.empty())
-            definition.remark = {ComplaintCode::kGroupNumber, noSuchGroup(group)};
+            definition.remark = noSuchGroup(group);
         ++group;
     }
 }

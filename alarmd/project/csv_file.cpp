@@ -45,8 +45,8 @@ bool CsvFile::next() {
             split();
             return true;
         }
-        complainOfLine(ComplaintCode::kLineTooLong,
-                       "longer than " + std::to_string(kMaxLine) + " bytes, ignored");
+        complainOfLine(
+            {ComplaintCode::kLineTooLong, "longer than " + std::to_string(kMaxLine) + " bytes, ignored"});
     }
     return false;
 }
@@ -55,8 +55,8 @@ std::string CsvFile::where() const {
     return path_ + ", line " + std::to_string(line_number_);
 }
 
-void CsvFile::complainOfLine(ComplaintCode code, std::string text) const {
-    complain({code, path_, std::move(text), line_number_});
+void CsvFile::complainOfLine(Remark remark) const {
+    complain({remark.code, path_, std::move(remark.text), line_number_});
 }
 
 // False when there was nothing left, not even an empty line.

@@ -17,8 +17,8 @@ constexpr std::string_view kYes = "YES";
 // A last line without a line feed counts. Columns are split as txt2vector does it: a run of ";" separates
 // once, so a column left empty is no column, and a zero byte ends the line's text.
 //
-// What hinders is complained of: a file that cannot be opened or read ends like an empty
-// one, and a line longer than kMaxLine is passed over.
+// What hinders is complained of: a file that cannot be opened or read ends like an empty one, and a line
+// longer than kMaxLine is passed over.
 //
 // An object is for one thread.
 class CsvFile {
@@ -54,7 +54,7 @@ class CsvFile {
     std::string where() const;
 
     // Complains of the line.
-    void complainOfLine(ComplaintCode code, std::string text) const;
+    void complainOfLine(Remark remark) const;
 
   private:
     bool readLine();

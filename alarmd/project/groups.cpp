@@ -33,7 +33,7 @@ GroupEntries readCsvEntries() {
         if (file.size() < kGroupColumns) continue;
         const int number = leadingNumber(file[kNumber]);
         if (!isGroup(number)) {
-            file.complainOfLine(ComplaintCode::kGroupNumber, noSuchGroup(number));
+            file.complainOfLine(noSuchGroup(number));
             continue;
         }
         entries[number] = {std::string(file[kName]), leadingNumber(file[kMaxSeverity]),
@@ -51,7 +51,7 @@ GroupEntries jsonEntries(const Json::Value& root) {
         if (isGroup(number)) {
             entries[number] = std::move(entry);
         } else {
-            remark = {ComplaintCode::kGroupNumber, noSuchGroup(number)};
+            remark = noSuchGroup(number);
         }
     });
     return entries;

@@ -39,12 +39,6 @@ class JsonElement {
 // ("Failed to JSON parse " and name, then the parser's messages), of a document that is no array.
 bool readJsonArray(const std::string& path, std::string_view name, Json::Value& root);
 
-// What is said of an element that is taken, or passed over; nothing without a text.
-struct Remark {
-    ComplaintCode code{};
-    std::string text;
-};
-
 // Calls convert for each element of root in order. An element that convert throws std::runtime_error for is
 // left out, which is complained of; so is a remark that convert left. All complaints come behind the last
 // element.

@@ -59,7 +59,7 @@ void store(Batch& batch) {
 void addRow(const CsvFile& file, Batch& batch) {
     constexpr std::string_view kNobody = " ";
     const int group = leadingNumber(file[kGroup]);
-    if (!isGroup(group)) file.complainOfLine(ComplaintCode::kGroupNumber, noSuchGroup(group));
+    if (!isGroup(group)) file.complainOfLine(noSuchGroup(group));
     if (isGroup(group) && file[kMail] != kNobody) batch.mail[group].emplace_back(file[kMail]);
     if (file.size() < kUserColumns) {
         store(batch);
@@ -96,7 +96,7 @@ _user userFrom(const JsonElement& element) {
 void addUser(_user entry, Batch& batch, Remark& remark) {
     if (entry.mobil.empty() && entry.mail.empty()) return;
     if (!isGroup(entry.group)) {
-        remark = {ComplaintCode::kGroupNumber, noSuchGroup(entry.group)};
+        remark = noSuchGroup(entry.group);
         return;
     }
     if (!entry.mobil.empty()) batch.mobil[entry.group].push_back(entry.mobil);

@@ -70,7 +70,7 @@ void takeAll(const Json::Value& root, SettingValues& values) {
                   "the document is not an object, nothing is taken from it"});
         return;
     }
-    const Json::Value modem = objectIn(objectIn(root, "network"), "modem");
+    const Json::Value modem = objectIn(objectIn(root, kNetwork), kModem);
     const std::vector<Setting>& settings = modemSettings();
     for (size_t i = 0; i < settings.size(); ++i) takeMember(settings[i], modem[settings[i].name], values[i]);
     for (size_t i = 0; i < settings.size(); ++i) keepInRange(settings[i], values[i]);

@@ -14,6 +14,9 @@
 // ---------------------------------------------------------------------------------------------------------------
 // settings.json, object "network", member "modem".
 
+constexpr char kNetwork[] = "network";
+constexpr char kModem[] = "modem";
+
 // The type of the preset, which is the default, is the type of the setting.
 using SettingValue = std::variant<std::string, int, bool>;
 
