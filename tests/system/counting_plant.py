@@ -2,13 +2,11 @@
 a process takes of the machine."""
 
 import collections
-import ctypes
 import fcntl
 import json
 import os
 import queue
 import shutil
-import signal
 import subprocess
 import threading
 
@@ -17,8 +15,6 @@ import plant
 COUNTING_CLIENT = os.path.join(plant.BIN, "counting-mail-client")
 PIPE_SIZE = 1 << 20
 TAIL = 2 << 20  # bytes of a stream's end that are kept for the reader of a failure
-
-_libc = ctypes.CDLL(None)
 
 
 class Lines:
@@ -69,7 +65,7 @@ class Program:
         # A session of its own: Ctrl-C on the terminal reaches the driver alone, which then ends the others in turn.
         self.process = subprocess.Popen(
             arguments, cwd=cwd, env=env, stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            start_new_session=True, preexec_fn=lambda: _libc.prctl(1, signal.SIGKILL))  # PR_SET_PDEATHSIG
+            start_new_session=True, preexec_fn=plant.die_with_parent)
         self.out = Lines(self.process.stdout, prefixes, out or (lambda line: None))
         self.err = Lines(self.process.stderr, (b"",), err or (lambda line: None))
 
@@ -169,9 +165,5 @@ Resources = collections.namedtuple("Resources", "rss processor descriptors threa
 
 def resources(pid):
     """What the process takes now."""
-    with open("/proc/%d/status" % pid) as file:
-        status = dict(line.split(":", 1) for line in file)
-    with open("/proc/%d/stat" % pid) as file:
-        ticks = sum(map(int, file.read().rsplit(")", 1)[1].split()[11:13]))
-    return Resources(int(status["VmRSS"].split()[0]), ticks / os.sysconf("SC_CLK_TCK"),
-                     len(os.listdir("/proc/%d/fd" % pid)), int(status["Threads"]))
+    return Resources(plant.memory(pid), plant.processor_seconds(pid), len(os.listdir("/proc/%d/fd" % pid)),
+                     len(os.listdir("/proc/%d/task" % pid)))

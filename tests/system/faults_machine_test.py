@@ -134,17 +134,6 @@ def descriptors(daemon):
     return found
 
 
-def processor_seconds(daemon):
-    with open("/proc/%d/stat" % daemon.pid) as file:
-        user, system = file.read().rsplit(")", 1)[1].split()[11:13]
-    return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
-
-
-def sanitized():
-    linked = subprocess.run(["ldd", plant.ALARMD], capture_output=True, text=True).stdout
-    return "libasan" in linked or "libtsan" in linked
-
-
 class Log(MachineTest):
     def test_an_output_that_is_full_or_gone_costs_no_mail(self):
         self.start_sim()
@@ -363,9 +352,9 @@ class Descriptors(MachineTest):
         with requests_plant.FcgiClient() as waiting:
             waiting.send(requests_plant.records(requests_plant.request(55)))
             daemon.err.wait(NOT_SENT, 3)
-            before = processor_seconds(daemon)
+            before = plant.processor_seconds(daemon.pid)
             self.sim.wait_polls(1)
-            self.assertLess(processor_seconds(daemon) - before, 2)
+            self.assertLess(plant.processor_seconds(daemon.pid) - before, 2)
             for client in silent:
                 client.socket.close()
             self.assertEqual(waiting.answer(), b"\n" + requests_plant.DISABLED)
@@ -454,19 +443,16 @@ class Memory(MachineTest):
         daemon = self.start(256 << 20)
         daemon.err.wait("history answer of more than 16777216 bytes dropped")
         daemon.out.wait("JSON : {}")
-        with open("/proc/%d/status" % daemon.pid) as file:
-            peak = next(int(line.split()[1]) for line in file if line.startswith("VmHWM"))
-        if not sanitized():
-            self.assertLess(peak, 100 << 10)
+        if not plant.sanitized():
+            self.assertLess(plant.memory(daemon.pid, "VmHWM"), 100 << 10)
 
     def test_without_memory_it_ends_with_a_line_and_sigabrt(self):
-        if sanitized():
+        if plant.sanitized():
             self.skipTest("a sanitizer needs more address space than can be limited")
         # The threads' own heaps would have room for an answer, though not for several.
         daemon = self.start(0, 15 << 20, env={**os.environ, "MALLOC_ARENA_MAX": "1"})
         daemon.out.wait(plant.starting("JSON : "))
-        with open("/proc/%d/status" % daemon.pid) as file:
-            size = next(int(line.split()[1]) << 10 for line in file if line.startswith("VmSize"))
+        size = plant.memory(daemon.pid, "VmSize") << 10
         resource.prlimit(daemon.pid, resource.RLIMIT_AS, (size + (16 << 20),) * 2)
         self.assertEqual(daemon.wait_exit(), -signal.SIGABRT)
         self.assertIn("std::bad_alloc", daemon.err.text())

@@ -1,7 +1,6 @@
 """What the tests of faults share: alarms that can be counted, and a server that goes wrong poll by poll."""
 
 import collections
-import glob
 import json
 import os
 import re
@@ -169,10 +168,10 @@ def make_certificate(folder, name, subject, day=None):
     env = dict(os.environ)
     if day:
         # Not the program faketime: it makes a name of its process number, which another world's process has too.
-        libraries = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
-        if not libraries:
+        library = plant.clock_library("libfaketime.so.1")
+        if not library:
             return None
-        env.update(LD_PRELOAD=libraries[0], FAKETIME=day + " 00:00:00")
+        env.update(LD_PRELOAD=library, FAKETIME=day + " 00:00:00")
     subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=" + subject, "-days", "3",
                     "-keyout", key, "-out", certificate], check=True, capture_output=True, env=env)
     return certificate, key

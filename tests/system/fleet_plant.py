@@ -175,15 +175,6 @@ class Member:
         return sum(int(line.split()[3]) for line in self.daemon.err.texts()
                    if line.startswith("alarmd: stopping with ") and line.endswith(" %s queue entries unsent" % kind))
 
-    def processor_seconds(self):
-        with open("/proc/%d/stat" % self.daemon.pid) as file:
-            fields = file.read().rsplit(")", 1)[1].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
-    def memory(self):
-        with open("/proc/%d/status" % self.daemon.pid) as file:
-            return next(int(line.split()[1]) for line in file if line.startswith("VmRSS:"))
-
 
 class FleetTest(sms_plant.SmsTest):
     """Base of the tests."""
@@ -226,7 +217,8 @@ class FleetTest(sms_plant.SmsTest):
 
     def assert_rest_goes_on(self, mails=(20, 21), burning=()):
         """Polls, mails, requests; without load on processor and memory. Mails are counted exactly."""
-        before = {m: (m.processor_seconds(), m.memory(), m.out.count(plant.starting("JSON : "))) for m in self.members}
+        before = {m: (plant.processor_seconds(m.daemon.pid), plant.memory(m.daemon.pid),
+                      m.out.count(plant.starting("JSON : "))) for m in self.members}
         begin = time.monotonic()
         known = {m: m.mails() for m in self.members}
         for number in mails:
@@ -239,8 +231,9 @@ class FleetTest(sms_plant.SmsTest):
             self.assertEqual(requests_plant.ask(requests_plant.request(51))[:14], b'\n{"r":51,"s":1')
         for member in self.members:
             processor, memory, _ = before[member]
-            load = (member.processor_seconds() - processor) / (time.monotonic() - begin)
-            growth = member.memory() - memory
+            pid = member.daemon.pid
+            load = (plant.processor_seconds(pid) - processor) / (time.monotonic() - begin)
+            growth = plant.memory(pid) - memory
             print("%s: %.1f %% of a processor, %+d kB" % (member.name, 100 * load, growth))
             if member not in burning:
                 self.assertLess(load, QUIET_CPU, member.name)

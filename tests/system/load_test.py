@@ -6,9 +6,7 @@ hundreds are really sent, on a clock that runs faster.
 """
 
 import collections
-import glob
 import os
-import subprocess
 import time
 
 import counting_plant
@@ -91,19 +89,15 @@ class LoadTest(requests_plant.RequestTest):
     def end_daemon(self):
         self.assertEqual(self.daemon.stop(), 0, self.daemon.err.text()[-3000:])
 
-    def sanitized(self):
-        linked = subprocess.run(["ldd", plant.ALARMD], capture_output=True, text=True).stdout
-        return "libasan" in linked or "libtsan" in linked
-
     def fast_clock(self, speed):
         """An environment in which the daemon's pauses are so many times shorter; the speed becomes 1 where that is not
         possible."""
-        libraries = glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
-        if speed == 1 or not libraries or self.sanitized():
+        library = plant.clock_library()
+        if speed == 1 or not library or plant.sanitized():
             self.speed = 1
             return None
         self.speed = speed
-        return {**os.environ, "LD_PRELOAD": libraries[0], "FAKETIME": "+0 x%d" % speed,
+        return {**os.environ, "LD_PRELOAD": library, "FAKETIME": "+0 x%d" % speed,
                 "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
 
     def line(self, line):
@@ -141,7 +135,7 @@ class LoadTest(requests_plant.RequestTest):
     def assert_no_growth(self, memory, what):
         """Of the resident memory after each round: the first one brings it to where it then stays."""
         tell("%s: resident memory after each round: %s MB", what, ", ".join("%.1f" % (kb / 1024) for kb in memory))
-        if not self.sanitized():
+        if not plant.sanitized():
             self.assertLessEqual(memory[-1], memory[1] + SLACK, "kB after each round: %r" % memory)
 
     def recipients(self, number):

@@ -44,7 +44,7 @@ CLIENT_PATH = "ext/msmtp/msmtp"
 _libc = ctypes.CDLL(None)
 
 
-def _die_with_parent():
+def die_with_parent():
     _libc.prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
@@ -68,15 +68,37 @@ def free_port():
         return probe.getsockname()[1]
 
 
+def sanitized():
+    """Whether the daemon was built with a sanitizer."""
+    linked = subprocess.run(["ldd", ALARMD], capture_output=True, text=True).stdout
+    return "libasan" in linked or "libtsan" in linked
+
+
+def clock_library(name="libfaketimeMT.so.1"):
+    """The library that turns a program's clocks when it is preloaded, None where there is none."""
+    return next(iter(glob.glob("/usr/lib/*/faketime/" + name)), None)
+
+
+def memory(pid, kind="VmRSS"):
+    """kB of the process, of the kind of /proc/PID/status."""
+    with open("/proc/%d/status" % pid) as file:
+        return next(int(line.split()[1]) for line in file if line.startswith(kind + ":"))
+
+
+def processor_seconds(pid):
+    with open("/proc/%d/stat" % pid) as file:
+        ticks = sum(map(int, file.read().rsplit(")", 1)[1].split()[11:13]))
+    return ticks / os.sysconf("SC_CLK_TCK")
+
+
 def fast_clock(speed):
     """An environment in which the daemon's clocks run, and its pauses pass, so many times as fast, and that speed; (None,
     1) where the clocks cannot be turned. What happens now is soon in the past of such a daemon, and not new to it, so
     alarms are to happen AHEAD of now."""
-    libraries = glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
-    linked = subprocess.run(["ldd", ALARMD], capture_output=True, text=True).stdout
-    if not libraries or "libasan" in linked or "libtsan" in linked:
+    library = clock_library()
+    if not library or sanitized():
         return None, 1
-    return {**os.environ, "LD_PRELOAD": libraries[0], "FAKETIME": "+0 x%d" % speed}, speed
+    return {**os.environ, "LD_PRELOAD": library, "FAKETIME": "+0 x%d" % speed}, speed
 
 
 class Output:
@@ -172,7 +194,7 @@ class Process:
             stdin=stdin if stdin is not None else subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
-            preexec_fn=_die_with_parent,
+            preexec_fn=die_with_parent,
         )
         self.started = time.monotonic()
         self.out = Output(self.process.stdout)
@@ -377,7 +399,7 @@ def make_certificate(folder):
         subprocess.run(
             ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
              "-subj", "/CN=127.0.0.1", "-days", "30", "-keyout", key, "-out", certificate],
-            check=True, capture_output=True, preexec_fn=_die_with_parent)
+            check=True, capture_output=True, preexec_fn=die_with_parent)
     return certificate, key
 
 

@@ -1,11 +1,9 @@
 """What the tests of SMS share: the simulated modem, the server's raw port, a project with phones, a clock to set."""
 
-import glob
 import json
 import os
 import re
 import socket
-import subprocess
 import threading
 import time
 
@@ -198,14 +196,13 @@ class SmsTest(plant.PlantTest):
 
     def fake_clock(self):
         """An environment in which set_clock() moves the time of day (not the pauses)."""
-        linked = subprocess.run(["ldd", plant.ALARMD], capture_output=True, text=True).stdout
-        libraries = glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
-        if not libraries:
+        library = plant.clock_library()
+        if not library:
             self.skipTest("libfaketime is not installed")
-        if "libasan" in linked or "libtsan" in linked:
+        if plant.sanitized():
             self.skipTest("a preloaded clock and a sanitizer do not go together")
         self.set_clock(0)
-        return {**os.environ, "LD_PRELOAD": libraries[0], "FAKETIME_TIMESTAMP_FILE": self.path("offset"),
+        return {**os.environ, "LD_PRELOAD": library, "FAKETIME_TIMESTAMP_FILE": self.path("offset"),
                 "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
 
     def set_clock(self, seconds):
