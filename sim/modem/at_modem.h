@@ -17,6 +17,7 @@
 #include "sim/modem/line_editor.h"
 #include "sim/modem/modem_world.h"
 #include "sim/modem/network.h"
+#include "sim/support/modem_models.h"
 
 namespace sim {
 

@@ -11,6 +11,7 @@
 #include "sim/modem/message_store.h"
 #include "sim/modem/modem_world.h"
 #include "sim/modem/sim_card.h"
+#include "sim/support/modem_models.h"
 
 namespace sim {
 

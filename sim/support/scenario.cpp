@@ -11,8 +11,7 @@
 #include <random>
 #include <sstream>
 
-#include "sim/modem/modem_world.h"
-#include "sim/server/korvato_server.h"
+#include "sim/support/modem_models.h"
 
 namespace sim {
 namespace {
@@ -59,29 +58,26 @@ std::string checkBody(const Json::Value& event) {
     return {};
 }
 
-std::string checkServer(const Json::Value& event) {
-    Behaviour::Mode mode{};
-    if (!behaviourMode(event["server"].asString(), mode)) {
-        static constexpr const char* kKnown[] = {"normal", "back", "away",     "slow",  "hang", "cut",
-                                                 "status", "raw",  "redirect", "reset", "deaf"};
-        return unknownWord("server", event["server"].asString(), kKnown);
-    }
-    if (mode == Behaviour::kSlow && !event.isMember("seconds")) return "\"seconds\" is missing";
-    if (mode == Behaviour::kStatus && !event.isMember("status")) return "\"status\" is missing";
-    return checkBody(event);
-}
-
-std::string checkTcp(const Json::Value& event) {
-    TcpPort::Mode mode{};
-    static constexpr const char* kKnown[] = {"normal", "back", "away", "deaf", "reset"};
-    return tcpMode(event["tcp"].asString(), mode) ? "" : unknownWord("tcp", event["tcp"].asString(), kKnown);
-}
-
 template <class Words>
 std::string checkWord(const Json::Value& event, const char* key, const Words& known) {
     const std::string word = event[key].asString();
     const bool found = std::find(std::begin(known), std::end(known), word) != std::end(known);
     return found ? "" : unknownWord(key, word, known);
+}
+
+std::string checkServer(const Json::Value& event) {
+    static constexpr const char* kKnown[] = {"normal", "back", "away",     "slow",  "hang", "cut",
+                                             "status", "raw",  "redirect", "reset", "deaf"};
+    const std::string word = event["server"].asString();
+    if (word == "slow" && !event.isMember("seconds")) return "\"seconds\" is missing";
+    if (word == "status" && !event.isMember("status")) return "\"status\" is missing";
+    const std::string reason = checkWord(event, "server", kKnown);
+    return reason.empty() ? checkBody(event) : reason;
+}
+
+std::string checkTcp(const Json::Value& event) {
+    static constexpr const char* kKnown[] = {"normal", "back", "away", "deaf", "reset"};
+    return checkWord(event, "tcp", kKnown);
 }
 
 std::string checkQuery(const Json::Value& event) {

@@ -1,4 +1,4 @@
-#include "sim/modem/modem_world.h"
+#include "sim/support/modem_models.h"
 
 namespace sim {
 
