@@ -5,8 +5,7 @@
 #include <ctime>
 #include <string_view>
 
-#include "alarmd/intake/history_poll.h"
-#include "alarmd/intake/server_line.h"
+#include "alarmd/intake/acknowledge.h"
 #include "alarmd/sms/modem.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
@@ -18,7 +17,6 @@ namespace {
 constexpr int kReadPauseSeconds = 5;
 constexpr int kReadReplySeconds = 1;
 constexpr int kClearReplySeconds = 4;
-constexpr size_t kRequestLimit = 999;
 
 void removeLineEnds(std::string& text) {
     std::erase(text, '\r');
@@ -122,25 +120,6 @@ bool authorise(const IncomingSms& message, int& userID) {
     if (found == user_list.end()) return false;
     userID = found->id;
     return true;
-}
-
-// A project id ends at its first zero byte, as the alarm id does, which txt2vector gives without one.
-std::string acknowledgeRequest(const std::string& alarm_id, int userID) {
-    std::string request = "t=11&prj=";
-    {
-        MutexLock lock(settings_mutex);
-        request.append(projectID, 0, projectID.find('\0'));
-    }
-    request += "&id=" + alarm_id + "&userID=" + std::to_string(userID) + "&ackText=ACK_SMS";
-    if (request.size() > kRequestLimit) request.resize(kRequestLimit);
-    return request;
-}
-
-void sendAcknowledge(const std::string& alarm_id, int userID) {
-    PrintLine("Acknowledge alarm id: ", alarm_id);
-    const std::string request = acknowledgeRequest(alarm_id, userID);
-    if (dbglev != 0) PrintLine(request, "   ---   ", startPointText());
-    tcps.SendBinary(request.data(), static_cast<int>(request.size()));
 }
 
 }  // namespace
