@@ -22,7 +22,6 @@
 #include "alarmd/settings/config.h"
 #include "alarmd/settings/modem_settings.h"
 #include "alarmd/signals.h"
-#include "alarmd/sms/sms_sending.h"
 #include "alarmd/sms/sms_thread.h"
 #include "alarmd/waiting/wait_list.h"
 #include "knihovny/clock.h"

@@ -17,8 +17,8 @@
 #include <thread>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/sms/modem.h"
-#include "alarmd/sms/sms_sending.h"
+#include "alarmd/sms/sms_thread.h"
+#include "alarmd/sms/timed_text/modem_port.h"
 #include "bench/quiet.h"
 #include "knihovny/descriptor.h"
 

@@ -7,7 +7,7 @@
 #include "alarmd/notify/event.h"
 #include "alarmd/notify/recipients.h"
 #include "alarmd/project/texts.h"
-#include "alarmd/sms/sms_sending.h"
+#include "alarmd/sms/compose.h"
 
 namespace {
 

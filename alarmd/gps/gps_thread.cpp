@@ -1,10 +1,9 @@
 #include "alarmd/gps/gps_thread.h"
 
 #include <cstdio>
-#include <ctime>
 
 #include "alarmd/settings/modem_settings.h"
-#include "alarmd/sms/modem.h"
+#include "knihovny/clock.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 
@@ -14,24 +13,14 @@ namespace {
 
 constexpr int kModemLooks = 30;  // one a second
 constexpr long kOpenNanoseconds = 500000000;
-constexpr long kOrderNanoseconds = 50000000;
 constexpr long kPrintSeconds = 5;
-
-// The terminating zero goes out too.
-template <int size>
-void sendOrder(const char (&order)[size]) {
-    linitstr = size;
-    MyModem.SendBinary(order, size);
-    MySleep(0, kOrderNanoseconds);
-    receive = 0;
-}
 
 }  // namespace
 
 void MyGps::ZpracujByte(char* c) {
     if (assembler_.take(*c, line_)) {
         MutexLock lock(gps_mutex);
-        storeSentence(line_, time(nullptr), gps_data);
+        storeSentence(line_, Now(), gps_data);
     }
     fflush(stdout);
 }
@@ -45,11 +34,15 @@ void printGPSdata() {
     Print(text);
 }
 
-void nastavGPS() {
+void switchGpsOn(ModemDriver& driver) {
     PrintLine("Setting GPS... ");
     if (!gps_enable) return;
-    sendOrder("AT^WPDOM=0\r");
-    sendOrder("AT^WPDGP\r");
+    driver.order("AT^WPDOM=0\r");
+    driver.order("AT^WPDGP\r");
+}
+
+void nastavGPS() {
+    switchGpsOn(modemDriver());
 }
 
 void vlakno_gps() {

@@ -6,6 +6,7 @@
 
 #include "alarmd/alarmd.h"
 #include "alarmd/gps/nmea.h"
+#include "alarmd/sms/driver.h"
 #include "knihovny/comcontrol.h"
 #include "knihovny/thread3.h"
 
@@ -28,8 +29,11 @@ extern MyGps gps;
 // Prints gps_data. Any thread.
 void printGPSdata() EXCLUDES(gps_mutex);
 
-// Switches the modem's GPS on, unless gps_enable is false: two orders over the modem port, whose answers are
-// not waited for. To be called once the modem is initialised. SMS thread.
+// Switches the modem's GPS on, unless gps_enable is false: two orders, whose answers are not waited for. To
+// be called once the modem is initialised. SMS thread.
+void switchGpsOn(ModemDriver& driver);
+
+// The same for the daemon's modem.
 void nastavGPS();
 
 // The GPS thread's body: opens /dev/ttyModem3 once and prints gps_data every 5 s until konec is set. Then

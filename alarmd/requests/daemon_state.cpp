@@ -1,8 +1,7 @@
 #include "alarmd/requests/daemon_state.h"
 
 #include "alarmd/alarmd.h"
-#include "alarmd/sms/modem.h"
-#include "alarmd/sms/sms_sending.h"
+#include "alarmd/sms/driver.h"
 #include "knihovny/generalfce.h"
 
 namespace {

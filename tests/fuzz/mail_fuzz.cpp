@@ -7,7 +7,6 @@
 #include "alarmd/mail/compose.h"
 #include "alarmd/mail/mail_channel.h"
 #include "alarmd/mail/mail_thread.h"
-#include "alarmd/sms/sms_sending.h"
 #include "tests/fuzz/world.h"
 
 namespace {

@@ -11,8 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "alarmd/sms/modem.h"
-#include "alarmd/sms/sms_reception.h"
+#include "alarmd/sms/commands.h"
+#include "alarmd/sms/reception.h"
+#include "alarmd/sms/timed_text/initialisation.h"
+#include "alarmd/sms/timed_text/modem_port.h"
 #include "tests/fuzz/world.h"
 
 namespace {

@@ -13,9 +13,8 @@
 #include "alarmd/project/alarm_definitions.h"
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/texts.h"
-#include "alarmd/sms/modem.h"
-#include "alarmd/sms/sms_reception.h"
-#include "alarmd/sms/sms_sending.h"
+#include "alarmd/sms/sms_thread.h"
+#include "alarmd/sms/timed_text/modem_port.h"
 #include "knihovny/generalfce.h"
 #include "tests/support/resets.h"
 

@@ -9,7 +9,8 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 
 # From the bottom to the roof. A folder that is not named here belongs to no order: that is a failure too.
 ROOMS = ["knihovny", "alarmd.h", "alarmd/base", "alarmd/project", "alarmd/settings", "alarmd/notify", "alarmd/waiting",
-         "alarmd/intake", "alarmd/mail", "alarmd/sms", "alarmd/gps", "alarmd/requests", "alarmd",
+         "alarmd/intake", "alarmd/mail", "alarmd/sms", "alarmd/sms/timed_text", "alarmd/gps",
+         "alarmd/requests", "alarmd",
          "alarmctl/text", "alarmctl/daemon", "alarmctl/explain", "alarmctl/check", "alarmctl",
          "sim/support", "sim/server", "sim/modem", "sim/gps", "sim"]
 # Programs of their own know nothing of the daemon.

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "alarmd/alarmd.h"
-#include "alarmd/sms/modem.h"
+#include "alarmd/sms/timed_text/modem_port.h"
 #include "knihovny/descriptor.h"
 #include "knihovny/mutex.h"
 #include "tests/support/resets.h"

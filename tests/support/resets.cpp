@@ -4,9 +4,12 @@
 #include "alarmd/mail/client_process.h"
 #include "alarmd/project/alarm_definitions.h"
 #include "alarmd/requests/modem_status.h"
-#include "alarmd/sms/modem.h"
-#include "alarmd/sms/sms_reception.h"
-#include "alarmd/sms/sms_sending.h"
+#include "alarmd/sms/sms_thread.h"
+#include "alarmd/sms/timed_text/exchange.h"
+#include "alarmd/sms/timed_text/message_store.h"
+#include "alarmd/sms/timed_text/modem_port.h"
+#include "alarmd/sms/timed_text/owed_bytes.h"
+#include "alarmd/sms/timed_text/prompt.h"
 
 namespace {
 

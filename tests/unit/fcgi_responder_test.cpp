@@ -12,8 +12,7 @@
 
 #include "alarmd/alarmd.h"
 #include "alarmd/requests/answers.h"
-#include "alarmd/sms/modem.h"
-#include "alarmd/sms/sms_sending.h"
+#include "alarmd/sms/driver.h"
 #include "tests/support/fcgi_client.h"
 #include "tests/support/project_files.h"
 

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "alarmd/sms/timed_text/exchange.h"
 #include "tests/support/project_files.h"
 #include "tests/support/pty_modem.h"
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "alarmd/sms/sms_reception.h"
+#include "alarmd/sms/timed_text/message_store.h"
 #include "tests/support/pty_modem.h"
 
 namespace {

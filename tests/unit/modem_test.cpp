@@ -1,9 +1,11 @@
-#include "alarmd/sms/modem.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "alarmd/sms/timed_text/initialisation.h"
+#include "alarmd/sms/timed_text/message_store.h"
+#include "alarmd/sms/timed_text/modem_port.h"
+#include "alarmd/sms/timed_text/prompt.h"
 #include "tests/support/pty_modem.h"
 
 namespace {

@@ -1,5 +1,3 @@
-#include "alarmd/sms/sms_reception.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -10,6 +8,9 @@
 #include <string>
 
 #include "alarmd/intake/server_line.h"
+#include "alarmd/sms/commands.h"
+#include "alarmd/sms/reception.h"
+#include "alarmd/sms/timed_text/owed_bytes.h"
 #include "knihovny/descriptor.h"
 #include "tests/support/pty_modem.h"
 

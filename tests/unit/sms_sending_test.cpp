@@ -1,5 +1,3 @@
-#include "alarmd/sms/sms_sending.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,6 +9,11 @@
 #include <utility>
 
 #include "alarmd/project/alarm_definitions.h"
+#include "alarmd/sms/compose.h"
+#include "alarmd/sms/sms_channel.h"
+#include "alarmd/sms/sms_thread.h"
+#include "alarmd/sms/timed_text/owed_bytes.h"
+#include "alarmd/sms/timed_text/prompt.h"
 #include "knihovny/descriptor.h"
 #include "knihovny/generalfce.h"
 #include "tests/support/pty_modem.h"
