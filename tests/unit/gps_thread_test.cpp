@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "alarmd/sms/timed_text/exchange.h"
+#include "tests/support/fake_driver.h"
 #include "tests/support/project_files.h"
 #include "tests/support/pty_modem.h"
 
@@ -80,6 +81,15 @@ TEST_F(GpsThreadTest, GpsIsSwitchedOnWithTwoOrdersAndTheirZeros) {
     EXPECT_EQ(linitstr, 10);
     EXPECT_EQ(receive, 0);
     disconnectModem();
+}
+
+TEST_F(GpsThreadTest, TheOrdersAreTheDriversToGive) {
+    FakeDriver driver;
+    outputOf([&] { switchGpsOn(driver); });
+    EXPECT_TRUE(driver.calls.empty());
+    gps_enable = true;
+    outputOf([&] { switchGpsOn(driver); });
+    EXPECT_EQ(driver.calls, (std::vector<std::string>{"order AT^WPDOM=0\r", "order AT^WPDGP\r"}));
 }
 
 TEST_F(GpsThreadTest, NothingIsSentWhenGpsIsOff) {

@@ -11,7 +11,9 @@
 #include "alarmd/sms/commands.h"
 #include "alarmd/sms/reception.h"
 #include "alarmd/sms/timed_text/owed_bytes.h"
+#include "knihovny/debugerror.h"
 #include "knihovny/descriptor.h"
+#include "tests/support/fake_driver.h"
 #include "tests/support/pty_modem.h"
 
 namespace {
@@ -325,6 +327,55 @@ TEST_F(SmsReceptionTest, AReplyCutAnywhereDoesNoHarm) {
         EXPECT_EQ(receive == 1, length >= whole.size() - 2);
         EXPECT_EQ(replyText(), whole.substr(0, std::min(length, whole.size() - 2)));
     }
+}
+
+// What is printed when a driver gives this message.
+std::string readFrom(FakeDriver& driver, const IncomingSms& message) {
+    driver.incoming.push_back(message);
+    CaptureStdout();
+    readSms(driver);
+    return GetCapturedStdout();
+}
+
+TEST_F(SmsReceptionTest, AMessageIsForgottenWhenItIsTheLastSmsAndBeforeItIsExecuted) {
+    addUser(7, "5", true);
+    tcps.Init("127.0.0.1", server_.number());
+    FakeDriver driver;
+    driver.meanwhile = [](const std::string& call) {
+        EXPECT_EQ(lastSms().text, call == "forget" ? "ACK:17" : "");
+        Print(call + "\n");
+    };
+    EXPECT_EQ(readFrom(driver, {"5", "ACK:17\r", true}),
+              "\t-->Thread sms: Cteni SMS\nreceive\nforget\nAUTHORIZED USER !!!\n\n"
+              "Execute command: ACK:17\nAcknowledge alarm id: 17\n\n");
+    EXPECT_EQ(lastSms().from, "5");
+    EXPECT_NE(server_.take().find("&id=17&userID=7"), std::string::npos);
+}
+
+TEST_F(SmsReceptionTest, OnlyAWholeSenderIsAUser) {
+    addUser(7, "5", true);
+    FakeDriver driver;
+    const std::string refused = "\t-->Thread sms: Cteni SMS\nUNAUTHORIZED USER !!!\n\n\n";
+    EXPECT_EQ(readFrom(driver, {"5", "ACK:17", false}), refused);
+    EXPECT_EQ(readFrom(driver, {"", "ACK:17", true}), refused);
+    EXPECT_EQ(readFrom(driver, {"6", "ACK:17", true}), refused);
+    EXPECT_EQ(lastSms().from, "6");
+}
+
+TEST_F(SmsReceptionTest, ATextWithoutAByteIsNoCommand) {
+    addUser(7, "5", true);
+    FakeDriver driver;
+    EXPECT_EQ(readFrom(driver, {"5", "", true}),
+              "\t-->Thread sms: Cteni SMS\nAUTHORIZED USER !!!\n\nCOMAND EMPTY !!!\n\n\n");
+}
+
+TEST_F(SmsReceptionTest, WithoutAMessageNothingIsForgotten) {
+    FakeDriver driver;
+    CaptureStdout();
+    readSms(driver);
+    EXPECT_EQ(GetCapturedStdout(), "\t-->Thread sms: Cteni SMS\n\n");
+    EXPECT_EQ(driver.calls, std::vector<std::string>{"receive"});
+    EXPECT_EQ(lastSms().timestamp, 0);
 }
 
 TEST(SmsCommand, TextsThatAreNoAcknowledgeAreIgnored) {
