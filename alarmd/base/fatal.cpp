@@ -34,7 +34,12 @@ void limitTermination(std::chrono::seconds limit) {
     tellAndAbort = std::set_terminate(abortInTime);
 }
 
-void fatal(std::string_view line) {
+void (*end_process)(std::string_view line) = [](std::string_view line) {
     PrintErrorLine("alarmd: ", line);
+    std::abort();
+};
+
+void fatal(std::string_view line) {
+    end_process(line);
     std::abort();
 }

@@ -13,6 +13,10 @@ constexpr size_t kRequestLimit = 999;
 
 }  // namespace
 
+int (*write_to_server)(const char* data, int length) = [](const char* data, int length) {
+    return tcps.SendBinary(data, length);
+};
+
 std::string acknowledgeRequest(const std::string& alarm_id, int userID) {
     std::string request = "t=11&prj=";
     {
@@ -28,5 +32,5 @@ void sendAcknowledge(const std::string& alarm_id, int userID) {
     PrintLine("Acknowledge alarm id: ", alarm_id);
     const std::string request = acknowledgeRequest(alarm_id, userID);
     if (dbglev != 0) PrintLine(request, "   ---   ", startPointText());
-    tcps.SendBinary(request.data(), static_cast<int>(request.size()));
+    write_to_server(request.data(), static_cast<int>(request.size()));
 }

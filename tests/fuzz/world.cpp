@@ -9,16 +9,17 @@
 #include <set>
 
 #include "alarmd/base/fatal.h"
-#include "alarmd/mail/client_process.h"
+#include "alarmd/intake/acknowledge.h"
+#include "alarmd/mail/mail_channel.h"
 #include "alarmd/project/alarm_definitions.h"
 #include "alarmd/project/csv_file.h"
 #include "alarmd/project/texts.h"
 #include "alarmd/sms/sms_thread.h"
 #include "alarmd/sms/timed_text/modem_port.h"
+#include "knihovny/clock.h"
+#include "knihovny/debugerror.h"
 #include "knihovny/generalfce.h"
 #include "tests/support/resets.h"
-
-class TcpClient2;
 
 namespace fuzz {
 
@@ -31,16 +32,59 @@ constexpr int64_t kStart = 1700000000 * kNanosecondsPerSecond;
 
 const char* running = "";  // the present target
 
+int64_t seconds() {
+    return world.nanoseconds / kNanosecondsPerSecond;
+}
+
+class Console final : public LogTarget {
+  public:
+    void print(std::string_view text) override { world.printed += text; }
+    void printError(std::string_view text) override { world.complained += text; }
+};
+
+class WorldClock final : public Clock {
+  public:
+    time_t now() const override { return seconds(); }
+
+    // While the daemon waits, the modem answers.
+    void sleep(long length, long nanoseconds) override {
+        world.nanoseconds += length * kNanosecondsPerSecond + nanoseconds;
+        if (!world.modem_has_command) return;
+        world.modem_has_command = false;
+        modemSays(world.modem_answer);
+    }
+};
+
+// Puts the world in the place of what the daemon reaches outside of itself.
+void takePlaces() {
+    static Console console;
+    static WorldClock clock;
+    setLogTarget(&console);
+    process_clock = &clock;
+    end_process = [](std::string_view line) { throw ProcessEnd{std::string(line)}; };
+    write_to_modem = [](const char* data, int length) {
+        world.to_modem.emplace_back(data, static_cast<size_t>(length));
+        world.modem_has_command = true;
+        return length;
+    };
+    write_to_server = [](const char* data, int length) {
+        world.to_server.emplace_back(data, static_cast<size_t>(length));
+        return length;
+    };
+    run_mail_client = [](const std::string& path, const std::vector<std::string>& arguments,
+                         const std::string& input) {
+        world.mails.push_back({path, arguments, input});
+        return ClientResult();
+    };
+}
+
 void reset() {
     resetDaemonState();
     smspeermin = 1000000;  // no message is to wait for the next minute
     srand(1);
+    takePlaces();
     world = World();
     world.nanoseconds = kStart;
-}
-
-int64_t seconds() {
-    return world.nanoseconds / kNanosecondsPerSecond;
 }
 
 // The definition's part of a text in a language, as a walk over the definitions adds it up.
@@ -215,67 +259,6 @@ void addUser(const _user& entry) {
     MutexLock lock(project_mutex);
     list_group[entry.group].users.push_back(entry);
     user_list.push_back(entry);
-}
-
-// ---------------------------------------------------------------------------------------------------------------
-// In the place of the daemon's own functions.
-
-void consolePrint(std::string_view text) IN_PLACE_OF("_Z5PrintSt17basic_string_viewIcSt11char_traitsIcEE");
-void consoleComplain(std::string_view text)
-    IN_PLACE_OF("_Z10PrintErrorSt17basic_string_viewIcSt11char_traitsIcEE");
-time_t clockTime(time_t* result) IN_PLACE_OF("time");
-void clockSleep(long seconds, long nanoseconds) IN_PLACE_OF("_Z7MySleepll");
-[[noreturn]] void processEnd(std::string_view line)
-    IN_PLACE_OF("_Z5fatalSt17basic_string_viewIcSt11char_traitsIcEE");
-int lineToModem(ComControl* channel, const char* data, int length)
-    IN_PLACE_OF("_ZN10ComControl10SendBinaryEPKci");
-int lineToServer(TcpClient2* client, const char* data, int length)
-    IN_PLACE_OF("_ZN10TcpClient210SendBinaryEPKci");
-ClientResult mailClient(const std::string& path, const std::vector<std::string>& arguments,
-                        const std::string& input)
-    IN_PLACE_OF(
-        "_Z9runClientRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKSt6vectorIS4_SaIS4_EES6_");
-
-void consolePrint(std::string_view text) {
-    world.printed += text;
-}
-
-void consoleComplain(std::string_view text) {
-    world.complained += text;
-}
-
-time_t clockTime(time_t* result) {
-    if (result != nullptr) *result = seconds();
-    return seconds();
-}
-
-// While the daemon waits, the modem answers.
-void clockSleep(long seconds, long nanoseconds) {
-    world.nanoseconds += seconds * kNanosecondsPerSecond + nanoseconds;
-    if (!world.modem_has_command) return;
-    world.modem_has_command = false;
-    modemSays(world.modem_answer);
-}
-
-void processEnd(std::string_view line) {
-    throw ProcessEnd{std::string(line)};
-}
-
-int lineToModem(ComControl* /*channel*/, const char* data, int length) {
-    world.to_modem.emplace_back(data, static_cast<size_t>(length));
-    world.modem_has_command = true;
-    return length;
-}
-
-int lineToServer(TcpClient2* /*client*/, const char* data, int length) {
-    world.to_server.emplace_back(data, static_cast<size_t>(length));
-    return length;
-}
-
-ClientResult mailClient(const std::string& path, const std::vector<std::string>& arguments,
-                        const std::string& input) {
-    world.mails.push_back({path, arguments, input});
-    return {};
 }
 
 }  // namespace fuzz

@@ -1,7 +1,6 @@
 // The world of a fuzz target. What the daemon reaches outside of itself (console, clock, modem, server, mail
-// client, the end of its process) is kept in memory here: the linker puts these functions in the place of the
-// daemon's own, see WORLD_CALLS in CMakeLists.txt. An input is therefore run without a wait, and every run of
-// it gives the same.
+// client, the end of its process) is kept in memory here: the daemon takes these things as they are handed to
+// it. An input is therefore run without a wait, and every run of it gives the same.
 #pragma once
 
 #include <cstdint>
@@ -84,10 +83,6 @@ bool endsProcess(const Action& action) {
     }
     return false;
 }
-
-// Declares a function that the linker puts in the place of the daemon's own, by that one's name in the object
-// files.
-#define IN_PLACE_OF(symbol) asm("__wrap_" symbol)
 
 // ---------------------------------------------------------------------------------------------------------------
 // Input.

@@ -14,7 +14,7 @@ constexpr long kLookNanoseconds = 5000000;
 
 size_t send(const std::string& order, size_t length) {
     awaitReply();
-    return static_cast<size_t>(MyModem.SendBinary(order.c_str(), static_cast<int>(length)));
+    return static_cast<size_t>(write_to_modem(order.c_str(), static_cast<int>(length)));
 }
 
 }  // namespace

@@ -7,6 +7,9 @@
 #include "knihovny/generalfce.h"
 
 modem MyModem;
+int (*write_to_modem)(const char* data, int length) = [](const char* data, int length) {
+    return MyModem.SendBinary(data, length);
+};
 
 Mutex reply_mutex;
 char rcv_msg[kReplyBufferSize];

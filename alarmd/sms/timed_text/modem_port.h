@@ -23,6 +23,10 @@ class modem final : public ComControl {
 
 extern modem MyModem;
 
+// What puts bytes on the modem's line, and returns how many it took. Set before there are other threads; the
+// sending of MyModem by itself.
+extern int (*write_to_modem)(const char* data, int length);
+
 constexpr int kReplyBufferSize = 512;
 constexpr int kReplyLimit = 250;  // beyond it the buffer is filled from its start again
 

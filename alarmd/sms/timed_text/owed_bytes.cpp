@@ -18,7 +18,7 @@ void notePrompt() {
 }  // namespace
 
 void payOwedBytes() {
-    const int taken = MyModem.SendBinary(owed_bytes.data(), static_cast<int>(owed_bytes.size()));
+    const int taken = write_to_modem(owed_bytes.data(), static_cast<int>(owed_bytes.size()));
     owed_bytes.erase(0, static_cast<size_t>(taken));
 }
 
