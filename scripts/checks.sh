@@ -85,10 +85,12 @@ finish() {
 # run once more, by twos, when the others are through; which ones passed only then is told.
 most_second_tries=12
 try_again() {
-    local again=build/logs/again-$preset-$part.xml p2 f2 s2 second
+    local again=build/logs/again-$preset-$part.xml names p2 f2 s2 second
     echo "  once more, by twos: the failed ones"
     rm -f "$again"
-    "$@" ctest --test-dir "build/$preset" -j 2 --rerun-failed --output-on-failure --output-junit "$PWD/$again" \
+    # By their names: their numbers may have changed since, because tests were being built meanwhile.
+    names=$(/usr/bin/python3 -B scripts/junit_counts.py --failed "$junit")
+    "$@" ctest --test-dir "build/$preset" -j 2 -R "$names" --output-on-failure --output-junit "$PWD/$again" \
         </dev/null 2>&1 | tee -a "$log" | show_tests
     second=$(/usr/bin/python3 -B scripts/junit_counts.py "$again")
     read -r p2 f2 s2 <<<"${second%%$'\n'*}"

@@ -1,4 +1,5 @@
-"""Reads ctest's JUnit file: prints "PASSED FAILED SKIPPED", then the skipped tests with their reasons."""
+"""Reads ctest's JUnit file: prints "PASSED FAILED SKIPPED", then the skipped tests with their reasons. With --failed
+before the file: prints a regular expression for ctest that the failed tests match."""
 
 import re
 import sys
@@ -14,7 +15,16 @@ def reason(case):
     return " ".join(output.split())[:300] or "no reason given"
 
 
+def expression(names):
+    """A regular expression of ctest's kind for just these names."""
+    return "^(%s)$" % "|".join(re.sub(r"([^\w/ ])", r"\\\1", name) for name in names)
+
+
 def main():
+    if sys.argv[1] == "--failed":
+        cases = tree.parse(sys.argv[2]).getroot().iter("testcase")
+        print(expression([case.get("name") for case in cases if case.get("status") == "fail"]))
+        return
     try:
         cases = list(tree.parse(sys.argv[1]).getroot().iter("testcase"))
     except (OSError, tree.ParseError) as error:

@@ -79,9 +79,9 @@ class ManualPages(plant.PlantTest):
         manual = open(os.path.join(PACKAGING, "man", "alarmd.8")).read()
         for option in "cmsth":
             self.assertIn(r"\-%s" % option, manual)
-        keys = open(os.path.join(plant.SOURCE, "alarmd", "settings", "modem_settings.cpp")).read()
+        keys = open(os.path.join(plant.SOURCE, "alarmd", "settings", "setting_table.cpp")).read()
         described = open(os.path.join(PACKAGING, "man", "korvato.conf.5")).read()
-        names = re.findall(r'^    \{"(\w+)", &ModemSettings::', keys, re.MULTILINE)
+        names = re.findall(r'^        \{"(\w+)",', keys, re.MULTILINE)
         self.assertGreater(len(names), 10)
         for name in names:
             self.assertIn(name + "@", described)

@@ -154,6 +154,8 @@ class Initialisation(sms_plant.SmsTest):
         # The first look for an OK comes at once, and a modem that answered as fast would spare the pause behind it.
         self.modem.modem("slow", seconds=0.5)
         self.start_plant()
+        self.modem.wait_received(b'000"\r')
+        self.modem.modem("normal")
         self.modem.wait_received(sms_plant.READ, 2)
         begin = sms_plant.INITIALISATION + sms_plant.READ + sms_plant.CLEAR + sms_plant.READ
         self.assertEqual(self.modem.received()[:len(begin)], begin)
