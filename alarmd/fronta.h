@@ -66,7 +66,7 @@ class Fronta {
 template <class T>
 class BoundedFronta {
   public:
-    // bytesOf tells the bytes of an entry that count.
+    // bytesOf gives the bytes of an entry that count.
     BoundedFronta(size_t most_entries, size_t most_bytes, size_t (*bytesOf)(const T&))
         : most_entries_(most_entries), most_bytes_(most_bytes), bytesOf_(bytesOf) {}
 

@@ -266,7 +266,7 @@ void ComControl::readUntilStopped(int descriptor) {
         const int length = readWhenReady(descriptor, data, repeats);
         if (length > 0) deliver(length, data);
         if (length == 0 || length == kSockTimedOut) OnInterval();
-        if (length == kSockFailed && repeats.told()) DumpError("Comcontrol: chyba v SockReadTimeout\n");
+        if (length == kSockFailed && repeats.logged()) DumpError("Comcontrol: chyba v SockReadTimeout\n");
     }
 }
 

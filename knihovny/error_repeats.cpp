@@ -11,7 +11,7 @@ constexpr int64_t kPauseSeconds = 60;
 bool ErrorRepeats::due(int error) {
     const int64_t now = MonotonicTime().tv_sec;
     const auto [entry, first] = next_.try_emplace(error, now);
-    told_ = first || now >= entry->second;
-    if (told_) entry->second = now + kPauseSeconds;
-    return told_;
+    logged_ = first || now >= entry->second;
+    if (logged_) entry->second = now + kPauseSeconds;
+    return logged_;
 }

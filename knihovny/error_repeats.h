@@ -4,16 +4,16 @@
 #include <map>
 
 // Keeps a failure that comes back thousands of times a second from filling the log: an error of one kind is
-// told once and then once a minute. An object is for one thread.
+// logged once and then once a minute. An object is for one thread.
 class ErrorRepeats {
   public:
-    // To be called for every failure, with its error number. True when it is to be told.
+    // To be called for every failure, with its error number. True when it is to be logged.
     bool due(int error);
 
     // What the last due() gave.
-    bool told() const { return told_; }
+    bool logged() const { return logged_; }
 
   private:
     std::map<int, int64_t> next_;  // seconds of the monotonic clock, by error number
-    bool told_ = false;
+    bool logged_ = false;
 };

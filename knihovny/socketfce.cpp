@@ -29,7 +29,7 @@ constexpr ErrorText kWriteErrors[] = {
 constexpr char kOtherWriteError[] = "SockWriteTimeout jina chyba.";
 
 template <size_t Count>
-void tell(const ErrorText (&texts)[Count], const char* other, int error) {
+void logError(const ErrorText (&texts)[Count], const char* other, int error) {
     const char* message = other;
     for (const ErrorText& text : texts) {
         if (text.error == error) {
@@ -49,7 +49,7 @@ int afterFailedRead(int error, ErrorRepeats* repeats) {
     int result = 0;
     if (!isTemporary(error)) {
         result = kSockFailed;
-        if (repeats == nullptr || repeats->due(error)) tell(kReadErrors, kOtherReadError, error);
+        if (repeats == nullptr || repeats->due(error)) logError(kReadErrors, kOtherReadError, error);
     }
     MySleep(0, kPauseNanoseconds);
     errno = error;
@@ -92,7 +92,7 @@ int SockWriteTimeout(int fd, const char* data, unsigned long length, int seconds
         if (TimevalMensi(&limit, &elapsed)) return kSockTimedOut;
         if (retry) continue;
         if (count < 1) {
-            tell(kWriteErrors, kOtherWriteError, error);
+            logError(kWriteErrors, kOtherWriteError, error);
             errno = error;
             return static_cast<int>(count);
         }

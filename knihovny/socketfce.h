@@ -1,6 +1,6 @@
 // Reading and writing of non-blocking descriptors (sockets, serial devices).
 //
-// The functions keep no state and close nothing; any thread may call them. A failure is told in one line on
+// The functions keep no state and close nothing; any thread may call them. A failure is logged in one line on
 // standard output ("ERROR: SockRead EBADF , in thread 1") and leaves its errno behind. Writing to a socket
 // whose peer is gone raises SIGPIPE: the process has to ignore it.
 #pragma once
@@ -14,7 +14,7 @@ constexpr int kSockPeerClosed = -3;
 
 // Makes one read of up to length bytes. Returns the number of bytes, 0 when nothing is available now or at
 // the end of the file (after a sleep of 1 ms, so that a reading loop does not spin), -1 on a failure (also
-// after 1 ms). With repeats, a failure is told only when they find it due.
+// after 1 ms). With repeats, a failure is logged only when they find it due.
 int SockRead2(int fd, char* buffer, unsigned long length, ErrorRepeats* repeats = nullptr);
 
 // The same, but gives -3 at once when the peer has closed the connection.

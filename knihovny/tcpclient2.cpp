@@ -215,7 +215,7 @@ bool TcpClient2::silentTooLong() const {
 void TcpClient2::endReading(const char* reason) {
     std::shared_ptr<Descriptor> socket = takeSocket();
     trace(reason, server_address, ":", port, " (socket ", number(socket), ")");
-    // When another thread ends the connection, it also tells of it.
+    // When another thread ends the connection, it also logs that.
     if (socket) {
         _Disconnect(socket);
         OnDisconnect();

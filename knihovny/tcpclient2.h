@@ -50,7 +50,7 @@ class TcpClient2 : public virtual Thread3 {
 
     // Connects if need be and sends, for at most 3 seconds. Returns length; 0 when nothing was written
     // because the client could not connect or is ending; -2 when the time ran out; -1 when a write failed
-    // (told in the log).
+    // (logged).
     int SendBinary(const char* data, int length) EXCLUDES(connect_mutex_, send_mutex_, socket_mutex_);
     int Send(std::string text);
 
@@ -98,7 +98,7 @@ class TcpClient2 : public virtual Thread3 {
     std::string Read() EXCLUDES(socket_mutex_);
 
   private:
-    // Opens a connection into socket. 1, or -1: an error other than a server that does not answer was told.
+    // Opens a connection into socket. 1, or -1: an error other than a server that does not answer was logged.
     int _FullConnect2(std::shared_ptr<Descriptor>& socket, const std::string& address, int server_port,
                       int seconds, int microseconds);
     // 0, or -1 when the time ran out.

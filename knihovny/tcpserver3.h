@@ -44,7 +44,7 @@ class TcpServer3 : public Thread3 {
     // The port that the server listens on, 0 while it does not.
     int ListeningPort() const { return listening_port_; }
 
-    // Each sends to one or more clients, at most 3 seconds a client; a failed transfer is told on standard
+    // Each sends to one or more clients, at most 3 seconds a client; a failed transfer is logged on standard
     // error, and the client stays. Returns what the last transfer gave: length, -2 when its time ran out, -1
     // or 0 when it failed; 0 without a client. To the own client when called on a client's thread, else to
     // all clients.

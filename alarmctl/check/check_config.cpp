@@ -60,7 +60,7 @@ std::string firstWord(const std::string& text) {
     return word;
 }
 
-// Reads a configuration file; false when that fails, which is told.
+// Reads a configuration file; false when that fails, which is reported.
 bool readLines(const std::string& path, Severity severity, const char* consequence, Findings& findings,
                std::vector<Line>& lines) {
     std::string text;
@@ -128,7 +128,7 @@ void checkKnownKeys(const std::vector<Line>& lines, Findings& findings) {
     }
 }
 
-// The value of a key of the main file; an empty one is told.
+// The value of a key of the main file; an empty one is reported.
 const Line* mainKey(const std::vector<Line>& lines, std::string_view key, const char* consequence,
                     Findings& findings) {
     const Line* line = lineOf(lines, key);

@@ -11,7 +11,7 @@
 // the main one cannot be read, so that nothing else is known. REQUIRES: loadConfiguration was called.
 bool checkConfiguration(Findings& findings);
 
-// Whether conf_file can be opened, which is told when not.
+// Whether conf_file can be opened, which is reported when not.
 bool mainFileIsReadable(Findings& findings);
 
 // Why the mail client, run by the user reader, refuses a configuration file that holds a password, in its own

@@ -10,14 +10,14 @@
 
 #include "alarmctl/check/findings.h"
 
-// Reads a whole file. False when that fails, which is told as a finding of that severity.
+// Reads a whole file. False when that fails, which is reported as a finding of that severity.
 bool readForCheck(const std::string& path, Severity severity, const std::string& consequence,
                   Findings& findings, std::string& text);
 
 // Parses the file as the daemon does. False when it cannot be read or is no JSON.
 bool parseForCheck(const std::string& path, Json::Value& root);
 
-// The same; a failure is told as a finding of that severity, with its line when there is one, and so is a
+// The same; a failure is reported as a finding of that severity, with its line when there is one, and so is a
 // text that is not UTF-8.
 bool parseForCheck(const std::string& path, Severity severity, const std::string& consequence,
                    Findings& findings, Json::Value& root);

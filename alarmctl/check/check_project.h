@@ -20,7 +20,7 @@ struct AlarmPlaces {
     }
 };
 
-// Which form of each kind of file the daemon takes; a form that it passes over, or none, is told.
+// Which form of each kind of file the daemon takes; a form that it passes over, or none, is reported.
 void checkPresence(Findings& findings);
 
 // Each looks at the form of its file that the daemon takes, and does nothing when there is none.

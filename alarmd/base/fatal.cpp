@@ -9,7 +9,7 @@
 
 namespace {
 
-std::terminate_handler tellAndAbort = nullptr;
+std::terminate_handler explainAndAbort = nullptr;
 std::chrono::seconds patience{0};
 
 void abortInTime() {
@@ -24,14 +24,14 @@ void abortInTime() {
     timer_t timer{};
     const itimerspec once{{0, 0}, {patience.count(), 0}};
     if (timer_create(CLOCK_MONOTONIC, &event, &timer) == 0) timer_settime(timer, 0, &once, nullptr);
-    tellAndAbort();
+    explainAndAbort();
 }
 
 }  // namespace
 
 void limitTermination(std::chrono::seconds limit) {
     patience = limit;
-    tellAndAbort = std::set_terminate(abortInTime);
+    explainAndAbort = std::set_terminate(abortInTime);
 }
 
 void (*end_process)(std::string_view line) = [](std::string_view line) {

@@ -1,4 +1,4 @@
-// What the daemon asks the server to acknowledge. What comes of it is told by the alarm history.
+// What the daemon asks the server to acknowledge. What comes of it shows in the alarm history.
 #pragma once
 
 #include <string>

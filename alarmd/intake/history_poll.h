@@ -19,7 +19,7 @@ struct PollResult {
 };
 
 // Hands a pending line from tcps to json_parse, then makes one request and hands its answer to json_parse.
-// Failures are told on standard error; a redirect to another protocol than HTTPS and an answer of more than
+// Failures are logged on standard error; a redirect to another protocol than HTTPS and an answer of more than
 // 16 MiB are such. Connecting takes at most 5 s and a transfer at most 60 s; a stop request ends it.
 PollResult pollHistory();
 

@@ -14,7 +14,7 @@
 // line is half-received (readok false) main does not poll. Its handlers run on the client's reading thread.
 //
 // A line that is unfinished some time after its first byte is dropped together with its connection, which is
-// told in one line on standard error: a peer that says a byte now and then would keep main from polling.
+// logged in one line on standard error: a peer that says a byte now and then would keep main from polling.
 class MyTcpClient final : public TcpClient2 {
   public:
     static constexpr int kLineMilliseconds = 60000;

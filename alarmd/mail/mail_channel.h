@@ -17,7 +17,7 @@ std::string mailClientPath();
 
 // Composes one mail with the HTML text body to the address or comma-separated addresses to, prints it and the
 // client's command line and hands it to the client on its standard input; returns when the client has ended.
-// An address ends at its first zero byte. A client that is missing or fails is told in one line on standard
+// An address ends at its first zero byte. A client that is missing or fails is logged in one line on standard
 // error. Does nothing when use_msmtp is false. Mail thread; main thread for the test mail.
 SendResult sendMail(const std::string& to, const std::string& body, const std::string& subject);
 

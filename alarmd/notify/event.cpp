@@ -1,6 +1,5 @@
 #include "alarmd/notify/event.h"
 
-#include <algorithm>
 #include <iterator>
 
 namespace {
@@ -15,21 +14,17 @@ constexpr StateRule kRules[] = {
     {kAckTimedState, "acknowledged", &_alarm_tag::acktm, "", "", false, nullptr, "", ""},
 };
 
-const StateRule* find(int state) {
-    const auto rule = std::find_if(std::begin(kRules), std::end(kRules),
-                                   [state](const StateRule& candidate) { return candidate.state == state; });
-    return rule == std::end(kRules) ? nullptr : rule;
-}
-
 }  // namespace
 
 const StateRule& ruleOf(int state) {
-    const StateRule* rule = find(state);
-    return rule != nullptr ? *rule : *find(kAckTimedState);
+    for (const StateRule& rule : kRules) {
+        if (rule.state == state) return rule;
+    }
+    return *std::rbegin(kRules);  // of kAckTimedState
 }
 
 bool isKnownState(int state) {
-    return find(state) != nullptr;
+    return ruleOf(state).state == state;
 }
 
 const TimeTriple& eventTime(const _alarm_tag& alarm) {

@@ -6,5 +6,5 @@
 // that nobody is to be told of it any more. Any thread.
 bool isStale(int64_t event_time);
 
-// Prints the line that tells of a stale alarm, with its time as a number and as ctime text. Any thread.
+// Logs a stale alarm, with its time as a number and as ctime text. Any thread.
 void printStale(int64_t event_time);

@@ -1,6 +1,6 @@
 // The alarm definitions: severity, texts by language, what is notified and in which groups.
 //
-// A group number outside 0 to 11 is told in one line and ignored. So are groups that are no array: such a
+// A group number outside 0 to 11 is logged in one line and ignored. So are groups that are no array: such a
 // definition is in no group.
 #pragma once
 
@@ -39,7 +39,7 @@ void fillDefinitionGaps() REQUIRES(project_mutex);
 // goes over the whole map. Valid until the map changes.
 const std::vector<const _alarm_def*>& definitionsWithId(int id) REQUIRES(project_mutex);
 
-// Tells that the map was written to: the next definitionsWithId looks at all definitions anew.
+// To be called when the map was written to: the next definitionsWithId looks at all definitions anew.
 void definitionsChanged() REQUIRES(project_mutex);
 
 // Does at once what a definitionsWithId after definitionsChanged would do, so that no later call pays for it.

@@ -124,7 +124,7 @@ void loadElements() {
     store(batch);
 }
 
-// Joins items to "a,b" and tells whether there is anything in it, as 1 or 0.
+// Joins items to "a,b" and returns whether there is anything in it, as 1 or 0.
 int joinInto(std::string& joined, const std::list<std::string>& items) {
     for (const std::string& item : items) joined += item + ",";
     if (joined.size() <= 1) return 0;

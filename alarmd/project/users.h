@@ -1,6 +1,6 @@
 // The users and the recipient lists of the groups. Main thread only.
 //
-// A group number outside 0 to 11 is told in one line and the user is ignored. Groups 10 and 11 take users,
+// A group number outside 0 to 11 is logged in one line and the user is ignored. Groups 10 and 11 take users,
 // but their lists are neither emptied before a load nor summed up after it.
 #pragma once
 

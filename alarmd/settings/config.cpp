@@ -126,7 +126,7 @@ void readConfigFiles() {
     PrintLine("Reading msmtp.conf ");
     takeKeys(KeyFile::kMailClient, readKeyValues(msmtp_conf_file));
 
-    // No key is taken from this file, but it is told when it cannot be opened.
+    // No key is taken from this file, but the log says when it cannot be opened.
     PrintLine("Reading sms.conf ");
     readKeyValues(sms_conf_file);
 }

@@ -118,9 +118,9 @@ TEST_F(SockRead, TellsARepeatedErrorOnceWhenAsked) {
     CaptureStdout();
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(SockRead2(kClosed, buffer_, sizeof buffer_, &repeats), -1);
-        EXPECT_EQ(repeats.told(), i == 0);
+        EXPECT_EQ(repeats.logged(), i == 0);
         EXPECT_EQ(SockRead2(folder, buffer_, sizeof buffer_, &repeats), -1);
-        EXPECT_EQ(repeats.told(), i == 0);
+        EXPECT_EQ(repeats.logged(), i == 0);
     }
     EXPECT_EQ(GetCapturedStdout(), errorLine("SockRead EBADF") + errorLine("SockRead jina chyba."));
     close(folder);
@@ -238,9 +238,9 @@ TEST(ErrorRepeatsTest, AnErrorIsDueOnceAMinuteByItsKind) {
     ErrorRepeats repeats;
     EXPECT_TRUE(repeats.due(EIO));
     EXPECT_FALSE(repeats.due(EIO));
-    EXPECT_FALSE(repeats.told());
+    EXPECT_FALSE(repeats.logged());
     EXPECT_TRUE(repeats.due(EBADF));
-    EXPECT_TRUE(repeats.told());
+    EXPECT_TRUE(repeats.logged());
     EXPECT_FALSE(repeats.due(EIO));
     EXPECT_FALSE(repeats.due(EBADF));
 }

@@ -16,7 +16,7 @@ extern int linitstr;    // byte count of the last order that was sent with its t
 // From here on an end of a reply is that of the order which is sent next.
 void awaitReply();
 
-// The same, and sends the order: at most 3 s for the line to take it, a device that fails is told in the log.
+// The same, and sends the order: at most 3 s for the line to take it, a device that fails is logged.
 // Returns how many bytes the line took.
 size_t sendOrder(const std::string& order);
 

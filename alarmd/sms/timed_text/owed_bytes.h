@@ -8,7 +8,7 @@
 
 extern std::string owed_bytes;  // empty when all is well
 
-// Sends what is owed, as far as the line takes it within 3 s. A device that fails is told in the log.
+// Sends what is owed, as far as the line takes it within 3 s. A device that fails is logged.
 void payOwedBytes();
 
 // The same, but without a wait and a line in the log.
