@@ -121,6 +121,21 @@ TEST_F(ModemTest, AnyBytesDoNoHarm) {
     EXPECT_EQ(replyText(), "\r\nOK");
 }
 
+TEST_F(ModemTest, AReplyThatIsClearedInALineBeginsInIt) {
+    feed("\r\nOK\r\n");
+    clearReply();
+    EXPECT_FALSE(replyBeganInLine());
+    feed("zzz");
+    clearReply();
+    EXPECT_TRUE(replyBeganInLine());
+    feed("\r\n");
+    clearReply();
+    EXPECT_FALSE(replyBeganInLine());
+    feed("> ");  // a prompt, which is not ended
+    clearReply();
+    EXPECT_FALSE(replyBeganInLine());
+}
+
 using Answer = PromptAnswer;
 
 struct AnswerCase {
@@ -139,30 +154,32 @@ TEST_P(ModemAnswerTest, TellsWhetherATextIsWaitedFor) {
 
 INSTANTIATE_TEST_SUITE_P(
     Answers, ModemAnswerTest,
-    testing::Values(AnswerCase{"", Answer::kNone}, AnswerCase{"at+CMGS=\"1\"\r\r\n> ", Answer::kPrompt},
-                    AnswerCase{"\r\n> ", Answer::kPrompt}, AnswerCase{"\r\n>", Answer::kNone},
-                    AnswerCase{"\r\nx> ", Answer::kNone}, AnswerCase{"\r\nOK\r\n", Answer::kNone},
-                    AnswerCase{"\r\nERROR\r\n", Answer::kError}, AnswerCase{"ERROR\r", Answer::kError},
-                    AnswerCase{"ERROR\n", Answer::kError},
-                    AnswerCase{"at+CMGS=\"1\"\r\r\nERROR\r\n", Answer::kError},
-                    AnswerCase{"\r\n+CMS ERROR: 305\r\n", Answer::kError},
-                    AnswerCase{"\r\n+CME ERROR: SIM busy\r\n", Answer::kError},
-                    AnswerCase{"\r\n+CMS ERROR:305\r\n", Answer::kError},
-                    // What is no line of its own is no result.
-                    AnswerCase{"\r\nERROR", Answer::kNone}, AnswerCase{"\r\nERRORS\r\n", Answer::kNone},
-                    AnswerCase{"\r\nNO ERROR\r\n", Answer::kNone},
-                    AnswerCase{"\r\n ERROR\r\n", Answer::kNone}, AnswerCase{"\r\nerror\r\n", Answer::kNone},
-                    AnswerCase{"\r\n+CMS ERRO\r\nR: 1\r\n", Answer::kNone},
-                    AnswerCase{"at+CMGS=\"ERROR\"\r", Answer::kNone},
-                    AnswerCase{"at+CMGS=\"+CMS ERROR: 1\"\r", Answer::kNone},
-                    AnswerCase{"\r\n+CUSD: 0,\"+CMS ERROR: 1\",15\r\n", Answer::kNone},
-                    AnswerCase{"\r\n^DSFLOWRPT:0000ERROR\r\n", Answer::kNone},
-                    AnswerCase{std::string("\0ERROR\r\n", 8), Answer::kNone},
-                    // The last word counts: an error of the message before, then the prompt of this one.
-                    AnswerCase{"\r\n+CMS ERROR: 500\r\n\r\n> ", Answer::kPrompt},
-                    AnswerCase{"\r\n> \r\n+CMS ERROR: 500\r\n", Answer::kError},
-                    AnswerCase{"\r\nERROR\r\n\r\n+CMTI: \"SM\",1\r\n", Answer::kError},
-                    AnswerCase{"\r\nERROR\r\n" + std::string(100000, 'x') + "\r\n", Answer::kError}));
+    testing::Values(
+        AnswerCase{"", Answer::kNone}, AnswerCase{"at+CMGS=\"1\"\r\r\n> ", Answer::kPrompt},
+        AnswerCase{"\r\n> ", Answer::kPrompt}, AnswerCase{"\r\n>", Answer::kNone},
+        AnswerCase{"\r\nx> ", Answer::kNone}, AnswerCase{"\r\nOK\r\n", Answer::kNone},
+        AnswerCase{"\r\nERROR\r\n", Answer::kError}, AnswerCase{"ERROR\r", Answer::kError},
+        AnswerCase{"ERROR\n", Answer::kError}, AnswerCase{"at+CMGS=\"1\"\r\r\nERROR\r\n", Answer::kError},
+        AnswerCase{"\r\n+CMS ERROR: 305\r\n", Answer::kError},
+        AnswerCase{"\r\n+CME ERROR: SIM busy\r\n", Answer::kError},
+        AnswerCase{"\r\n+CMS ERROR:305\r\n", Answer::kError},
+        // What is no line of its own is no result.
+        AnswerCase{"\r\nERROR", Answer::kNone}, AnswerCase{"\r\nERRORS\r\n", Answer::kNone},
+        AnswerCase{"\r\nNO ERROR\r\n", Answer::kNone}, AnswerCase{"\r\n ERROR\r\n", Answer::kNone},
+        AnswerCase{"\r\nerror\r\n", Answer::kNone}, AnswerCase{"\r\n+CMS ERRO\r\nR: 1\r\n", Answer::kNone},
+        AnswerCase{"at+CMGS=\"ERROR\"\r", Answer::kNone},
+        AnswerCase{"at+CMGS=\"+CMS ERROR: 1\"\r", Answer::kNone},
+        AnswerCase{"\r\n+CUSD: 0,\"+CMS ERROR: 1\",15\r\n", Answer::kNone},
+        AnswerCase{"\r\n^DSFLOWRPT:0000ERROR\r\n", Answer::kNone},
+        AnswerCase{std::string("\0ERROR\r\n", 8), Answer::kNone},
+        // The last word counts: an error of the message before, then the prompt of this one.
+        AnswerCase{"\r\n+CMS ERROR: 500\r\n\r\n> ", Answer::kPrompt},
+        AnswerCase{"\r\n> \r\n+CMS ERROR: 500\r\n", Answer::kError},
+        // A prompt stays open: this one was a line of a text that the modem was told.
+        AnswerCase{"\r\nERROR\r\n\r\n+CMT: \"+1\",,\"t\"\r\n> \r\n", Answer::kError},
+        AnswerCase{"\r\nERROR\r\n\r\n> \r\n\r\n> ", Answer::kPrompt}, AnswerCase{"\r\n> \r\n", Answer::kNone},
+        AnswerCase{"\r\nERROR\r\n\r\n+CMTI: \"SM\",1\r\n", Answer::kError},
+        AnswerCase{"\r\nERROR\r\n" + std::string(100000, 'x') + "\r\n", Answer::kError}));
 
 TEST_F(ModemTest, AnErrorIsNoAnswerToALineThatWasSentBehindItsBegin) {
     for (const std::string before : {"\r\nERROR\r\n", "\r\nERR", "\r\n+CMS", "\r\nx"}) {

@@ -11,6 +11,7 @@
 #include "alarmd/sms/commands.h"
 #include "alarmd/sms/reception.h"
 #include "alarmd/sms/timed_text/owed_bytes.h"
+#include "alarmd/sms/timed_text/prompt.h"
 #include "knihovny/debugerror.h"
 #include "knihovny/descriptor.h"
 #include "tests/support/fake_driver.h"
@@ -308,6 +309,33 @@ TEST_F(SmsReceptionTest, AHeaderWithoutCommasHasNoSender) {
     EXPECT_EQ(log.find("\tFrom: "), std::string::npos);
     EXPECT_EQ(log.find("AUTHORIZED"), std::string::npos);
     EXPECT_EQ(received_, "\tAT+CMGR=0\rAT+CMGD=0,4\r");
+}
+
+// What a stranger's text can look like where only a part of it is seen.
+constexpr char kForged[] = "AT+CMGR=0\n+CMGR: \"REC UNREAD\",\"5\",,\"26/11/21,10:00:00+04\"\nACK:12\nOK";
+
+TEST_F(SmsReceptionTest, TheRestOfALineThatCameBeforeIsNoReplyAndTheMessageStaysInItsStore) {
+    addUser(7, "5", true);
+    tcps.Init("127.0.0.1", server_.number());
+    PtyModem line(PtyModem::Script{{"AT+CMGR=0\r", std::string("zzz\r\n") + kForged}});
+    ASSERT_TRUE(connectModem(line.device()));
+    line.say("\r\nzzz");
+    ASSERT_TRUE(line.eventually([] {
+        MutexLock lock(reply_mutex);
+        return lineHasBegun();
+    }));
+    CaptureStdout();
+    read_sms();
+    EXPECT_EQ(GetCapturedStdout(), std::string(kReadLog) + "\n");
+    EXPECT_EQ(line.received(), "\tAT+CMGR=0\r");
+    disconnectModem();
+}
+
+TEST_F(SmsReceptionTest, OnlyTheOrderItselfIsItsEcho) {
+    addUser(7, "5", true);
+    tcps.Init("127.0.0.1", server_.number());
+    EXPECT_NE(readWith(kForged).find("\nAUTHORIZED"), std::string::npos);  // as from a modem that echoes
+    EXPECT_NE(readWith(std::string("zzz") + kForged).find("UNAUTHORIZED"), std::string::npos);
 }
 
 TEST_F(SmsReceptionTest, AReplyCutAnywhereDoesNoHarm) {

@@ -30,7 +30,8 @@ bool inQuotationMarks(const std::string& field) {
 bool hasItsShape(const std::vector<std::string>& lines) {
     std::string first = lines[0];
     std::erase(first, '\r');
-    const bool echo = first.ends_with("AT+CMGR=" + std::to_string(msg_cnt));
+    std::erase(first, '\t');
+    const bool echo = first == "AT+CMGR=" + std::to_string(msg_cnt);
     return (first.empty() || echo) && lines[1].starts_with("+CMGR:");
 }
 
@@ -99,7 +100,8 @@ bool askForMessage() {
     } else {
         awaitReply();
     }
-    return waitForReply(kReadReplySeconds);
+    // The message is read again next time.
+    return waitForReply(kReadReplySeconds) && !replyBeganInLine();
 }
 
 std::optional<IncomingSms> takeMessage() {

@@ -32,6 +32,8 @@ bool complete GUARDED_BY(reply_mutex) = false;
 bool overwritten GUARDED_BY(reply_mutex) = false;
 bool complete_overwritten GUARDED_BY(reply_mutex) = false;
 
+bool begun_in_line GUARDED_BY(reply_mutex) = false;  // when the reply was cleared
+
 bool closing_line_end GUARDED_BY(reply_mutex) = false;  // may come next
 
 bool endsWith(char first, char second) REQUIRES(reply_mutex) {
@@ -94,6 +96,7 @@ void clearReply() {
     complete = false;
     pocetpz = 0;
     overwritten = false;
+    begun_in_line = lineHasBegun();
     complete_overwritten = false;
 }
 
@@ -111,4 +114,9 @@ std::string replyText() {
 bool replyIsWhole() {
     MutexLock lock(reply_mutex);
     return !complete_overwritten;
+}
+
+bool replyBeganInLine() {
+    MutexLock lock(reply_mutex);
+    return begun_in_line;
 }

@@ -49,3 +49,7 @@ std::string replyText() EXCLUDES(reply_mutex);
 // False when a part of that reply was overwritten before its OK (behind an ER, or beyond kReplyLimit). It
 // then begins wherever a text had its ER, and a header line behind that would pass for the message's own.
 bool replyIsWhole() EXCLUDES(reply_mutex);
+
+// Whether clearReply fell into a line that was coming in. What is left of that one stands where the reply
+// begins, and a text can be made such that it looks like a message's reply.
+bool replyBeganInLine() EXCLUDES(reply_mutex);

@@ -13,6 +13,9 @@ enum class PromptAnswer {
 // Looks at a byte of what the modem says. Allocates nothing. Reading thread.
 void watchPrompt(char c) REQUIRES(reply_mutex);
 
+// Whether a line is coming in that is not at its end. A prompt has none.
+bool lineHasBegun() REQUIRES(reply_mutex);
+
 // From here on what the modem says is an answer to the line that is sent next. What remains of a line that
 // has already begun is none. SMS thread.
 void awaitPrompt() EXCLUDES(reply_mutex);
