@@ -58,6 +58,10 @@ void dropLogWithoutRoom(std::chrono::milliseconds limit) {
     error_stream = output.isLimited() && areTheSame(STDOUT_FILENO, STDERR_FILENO) ? &output : &errors;
 }
 
+bool logDropsLines() {
+    return output.hasDroppedLines() || error_stream->hasDroppedLines();
+}
+
 void PrintInSignalHandler(std::string_view text) {
     output.writeInSignalHandler(text);
 }

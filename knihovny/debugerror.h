@@ -35,6 +35,9 @@ void PrintSystemError(const char* text);
 // thread, before there are others.
 void dropLogWithoutRoom(std::chrono::milliseconds limit);
 
+// Whether lines were dropped that have not been announced yet. Any thread.
+bool logDropsLines();
+
 // Print for a signal handler: up to 64 bytes, which may come a little later, or be dropped.
 // Async-signal-safe.
 void PrintInSignalHandler(std::string_view text);

@@ -28,8 +28,10 @@ using Clock = std::chrono::steady_clock;
 constexpr int kSliceMs = 100;
 // Without a process descriptor the client's end is looked for this often.
 constexpr int kBlindSliceMs = 5;
-// What a pipe holds, so that one read behind the client's end takes all that it left.
-constexpr size_t kPipeSize = 65536;
+// What is logged at once. The log's reader may be slow, and nothing else is looked at meanwhile.
+constexpr size_t kPieceSize = 512;
+// So much is what a pipe holds, and is logged behind the client's end.
+constexpr int kMostPieces = 65536 / kPieceSize;
 
 // A pipe of which one end is the daemon's, who never waits at it, and the other one the client's, for whom it
 // is an ordinary, blocking one.
@@ -116,7 +118,7 @@ class RunningClient {
             logWords();
             if (konec) pressToStop();
         }
-        logWords();
+        for (int i = 0; i < kMostPieces && signals_sent_ == 0; ++i) logWords();
         return result_;
     }
 
@@ -137,13 +139,18 @@ class RunningClient {
         input_end_.reset();
     }
 
+    // One piece each time: a client that talks without end is still waited for. While the log drops lines,
+    // pieces cost no time, and there is a slice between two calls.
     void logWords() {
-        logWords(output_end_, Print);
-        logWords(errors_end_, PrintError);
+        logPiece(output_end_, Print);
+        logPiece(errors_end_, PrintError);
+        for (int i = 1; i < kMostPieces && logDropsLines(); ++i) {
+            logPiece(output_end_, Print);
+            logPiece(errors_end_, PrintError);
+        }
     }
 
-    // One read each time: a client that talks without end is still waited for.
-    void logWords(Descriptor& end, void (*log)(std::string_view)) {
+    void logPiece(Descriptor& end, void (*log)(std::string_view)) {
         if (end.get() < 0) return;
         const ssize_t length = read(end.get(), words_.data(), words_.size());
         if (length > 0) log({words_.data(), static_cast<size_t>(length)});
@@ -151,12 +158,13 @@ class RunningClient {
     }
 
     // Until the client has ended, reads on or says something, or a slice has passed. poll skips descriptors
-    // of -1.
+    // of -1. While the log drops lines, a look a slice is enough.
     void waitForEvent() {
+        const bool hear = !logDropsLines();
         pollfd events[] = {{process_.get(), POLLIN, 0},
                            {input_end_.get(), POLLOUT, 0},
-                           {output_end_.get(), POLLIN, 0},
-                           {errors_end_.get(), POLLIN, 0}};
+                           {hear ? output_end_.get() : -1, POLLIN, 0},
+                           {hear ? errors_end_.get() : -1, POLLIN, 0}};
         poll(events, std::size(events), process_.get() >= 0 ? kSliceMs : kBlindSliceMs);
         may_have_ended_ = process_.get() < 0 || events[0].revents != 0;
     }
@@ -198,7 +206,7 @@ class RunningClient {
     Descriptor& output_end_;
     Descriptor& errors_end_;
     std::string_view rest_;  // of the input
-    std::array<char, kPipeSize> words_;
+    std::array<char, kPieceSize> words_;
     bool may_have_ended_ = false;
     bool stop_seen_ = false;
     int signals_sent_ = 0;
