@@ -188,6 +188,10 @@ void AtModem::sendText() {
     if (!message.sent) line += " (refused, " + std::to_string(message.error) + ")";
     if (world.quiet > 0) {
         --world.quiet;
+        for (const auto& [seconds, bytes] : world.instead) {
+            later(seconds, true, [this, words = bytes] { output_ += words; });
+        }
+        world.instead.clear();
     } else if (message.sent) {
         output_ += "\r\n+CMGS: " + std::to_string(message.reference) + "\r\n\r\nOK\r\n";
     } else {

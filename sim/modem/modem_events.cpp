@@ -98,11 +98,17 @@ void normal(GsmModem& modem, const Json::Value&) {
         at.world.slow = 0;
         at.world.chatter = 0;
         at.world.quiet = 0;
+        at.world.instead.clear();
     });
 }
 
 void quiet(GsmModem& modem, const Json::Value& event) {
     modem.call([&](AtModem& at) { at.world.quiet = event["count"].asInt(); });
+}
+
+void instead(GsmModem& modem, const Json::Value& event) {
+    modem.call(
+        [&](AtModem& at) { at.world.instead.emplace_back(event["seconds"].asDouble(), eventBytes(event)); });
 }
 
 void noise(GsmModem& modem, const Json::Value& event) {
@@ -140,10 +146,10 @@ constexpr struct {
     const char* word;
     void (*action)(GsmModem&, const Json::Value&);
 } kModemActions[] = {
-    {"unplug", unplug}, {"plug", plug},   {"restart", restart}, {"mute", mute},
-    {"deaf", deaf},     {"slow", slow},   {"chatter", chatter}, {"normal", normal},
-    {"noise", noise},   {"says", say},    {"line", line},       {"reply", reply},
-    {"model", model},   {"sim", simCard}, {"no sim", simCard},  {"quiet", quiet},
+    {"unplug", unplug}, {"plug", plug},       {"restart", restart}, {"mute", mute},   {"deaf", deaf},
+    {"slow", slow},     {"chatter", chatter}, {"normal", normal},   {"noise", noise}, {"says", say},
+    {"line", line},     {"reply", reply},     {"model", model},     {"sim", simCard}, {"no sim", simCard},
+    {"quiet", quiet},   {"instead", instead},
 };
 
 Json::Value modemEvent(const Target& target, const Json::Value& event) {

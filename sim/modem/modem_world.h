@@ -2,6 +2,8 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace sim {
 
@@ -17,7 +19,8 @@ struct ModemWorld {
     double slow = 0;        // seconds before each answer
     bool mute = false;      // takes everything and says nothing
     int quiet = 0;          // says nothing to the texts of so many messages more
-    double chatter = 0;     // seconds from one ^RSSI to the next; 0: none
+    std::vector<std::pair<double, std::string>> instead;  // but this to the next, so many seconds behind it
+    double chatter = 0;                                   // seconds from one ^RSSI to the next; 0: none
 };
 
 }  // namespace sim

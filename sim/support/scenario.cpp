@@ -108,17 +108,18 @@ std::string checkModem(const Json::Value& event) {
     static constexpr struct {
         const char* word;
         const char* needs;
-    } kNeeds[] = {{"slow", "seconds"}, {"chatter", "seconds"}, {"noise", "count"},
-                  {"quiet", "count"},  {"line", "text"},       {"reply", "to"}};
-    static constexpr const char* kKnown[] = {"unplug", "plug",    "restart", "mute", "deaf", "normal",
-                                             "slow",   "chatter", "noise",   "says", "line", "reply",
-                                             "model",  "sim",     "no sim",  "quiet"};
+    } kNeeds[] = {{"slow", "seconds"},    {"chatter", "seconds"}, {"noise", "count"}, {"quiet", "count"},
+                  {"instead", "seconds"}, {"line", "text"},       {"reply", "to"}};
+    static constexpr const char* kKnown[] = {"unplug", "plug",    "restart", "mute",  "deaf",   "normal",
+                                             "slow",   "chatter", "noise",   "says",  "line",   "reply",
+                                             "model",  "sim",     "no sim",  "quiet", "instead"};
     const std::string word = event["modem"].asString();
     for (const auto& entry : kNeeds) {
         if (word == entry.word && !event.isMember(entry.needs))
             return std::string("\"") + entry.needs + "\" is missing";
     }
-    if ((word == "says" || word == "reply") && !event.isMember("text") && !event.isMember("hex")) {
+    if ((word == "says" || word == "reply" || word == "instead") && !event.isMember("text") &&
+        !event.isMember("hex")) {
         return "\"text\" or \"hex\" is missing";
     }
     if (word == "model" && !findModel(event["name"].asString())) {

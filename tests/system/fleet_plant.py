@@ -94,24 +94,23 @@ class Modem(sms_plant.ModemSim):
         if outcome:
             delivered, answer, mode = outcome
             self.modem("quiet", count=1)
+            for seconds, data in answer:
+                self.modem("instead", seconds=seconds, hex=data.hex())
             if not delivered:
                 self.command(network="refuses", count=1)
-            threading.Thread(target=self._answer, args=(answer, mode), daemon=True).start()
+            threading.Thread(target=self._become, args=(mode,), daemon=True).start()
 
     def always(self, reply):
         """From now on this is the answer to everything."""
         self.modem("reply", to="", hex=reply.hex(), times=FOR_EVER)
 
-    def _answer(self, answer, mode):
+    def _become(self, mode):
         """The daemon waits for the answer, so the mode is in force before its next command."""
-        at, _ = self.out.wait(sms_plant.event("sms"), limit=2 * plant.PATIENCE)
+        self.out.wait(sms_plant.event("sms"), limit=2 * plant.PATIENCE)
         if mode == "mute":
             self.modem("mute")
         elif mode == "error":
             self.always(b"\r\nERROR\r\n")
-        for seconds, data in answer:
-            time.sleep(max(0, at + seconds - time.monotonic()))
-            self.modem("says", hex=data.hex())
 
     @property
     def delivered(self):

@@ -259,6 +259,20 @@ TEST_F(AtModemTest, AQuietModemSaysNothingToATextAndGoesOn) {
     EXPECT_EQ(say("b\x1A"), "\r\n+CMGS: 2\r\n\r\nOK\r\n");
 }
 
+TEST_F(AtModemTest, AQuietModemMaySaySomethingElseInstead) {
+    withoutEcho();
+    modem.world.quiet = 2;
+    modem.world.instead = {{0, "O"}, {1.5, "K\r\n"}};
+    say("AT+CMGS=\"1\"\r");
+    EXPECT_EQ(say("a\x1A"), "");
+    EXPECT_EQ(after(0), "O");
+    EXPECT_EQ(after(1), "");
+    EXPECT_EQ(after(1), "K\r\n");
+    say("AT+CMGS=\"1\"\r");
+    EXPECT_EQ(say("b\x1A"), "");
+    EXPECT_EQ(after(10), "");
+}
+
 TEST_F(AtModemTest, ATextMayHave160Bytes) {
     withoutEcho();
     say("AT+CMGS=\"1\"\r");
