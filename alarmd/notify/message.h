@@ -33,5 +33,5 @@ enum class Outcome {
 
 struct SendResult {
     Outcome outcome = Outcome::kSent;
-    std::string detail;  // for people: why not; empty when it was sent
+    std::string detail;  // for people: why not, or what is odd about a message that was sent
 };
